@@ -1,0 +1,28 @@
+# make test: install what is missing, build every tested preset, run the suite
+# on each (x86-64, address+undefined sanitizers, thread sanitizer, ARMv7 NEON
+# under qemu-arm).
+TEST_PRESETS ?= host host-asan host-tsan armhf
+JOBS ?= $(shell nproc)
+
+.PHONY: all build setup test $(addprefix test-,$(TEST_PRESETS) host-scalar) clean
+
+all: build
+
+setup:
+	@scripts/setup
+
+build: setup
+	@cmake --preset host >/dev/null
+	@cmake --build --preset host -j $(JOBS)
+
+test: setup
+	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done
+
+test-%:
+	@echo "== $* =="
+	@cmake --preset $* >/dev/null
+	@cmake --build --preset $* -j $(JOBS)
+	@ctest --preset $* -j $(JOBS)
+
+clean:
+	rm -rf build

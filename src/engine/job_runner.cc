@@ -1,0 +1,57 @@
+// The job runner and the worker thread: the one hand-over between the two
+// cores. Every parallel stage fills both job records and calls
+// run_on_both_cores; nothing else touches the semaphores while frames run.
+#include "engine/band.h"
+#include "engine/ctx.h"
+
+namespace qimra {
+
+int32_t core0_quarter_rows(int32_t rows) { return (coreload[0] * rows / 100 + 3) >> 2; }
+
+void run_on_both_cores(ctx* c) {
+    worker_slot& worker = c->slot[1];
+    worker.job_ptr = &worker.job;
+    sem_post(&worker.job.sem_start);
+    Integral_ContStretch_YUVScale(&c->slot[0].job);
+    sem_wait(&worker.job.sem_done);
+}
+
+}  // namespace qimra
+
+extern "C" void Integral_ContStretch_YUVScale(void* job_record) {
+    auto* job = static_cast<qimra_job*>(job_record);
+    switch (job->op) {
+        case kOpDownscale4:
+            ReSizeImage_downscale4_mc(job);
+            break;
+        case kOpColourTable:
+            qimra_col_conv_create_lut_mc(job->ctx, job->core, 2);
+            break;
+        case kOpLocalFeatures:
+            blc_local_hist_features(job->ctx, job->seg, job->core, 2);
+            break;
+        case qimra::kOpBandFilter:
+            qimra::band_filter(job);
+            break;
+        case qimra::kOpBandApply:
+            qimra::band_apply(job);
+            break;
+        default:
+            qimra::band_filter(job);
+            qimra::band_apply(job);
+            break;
+    }
+}
+
+extern "C" void* thread_func1(void* slot_record) {
+    auto* slot = static_cast<worker_slot*>(slot_record);
+    for (;;) {
+        sem_wait(&slot->job.sem_start);
+        if (slot->job.exit == 1) break;
+        Integral_ContStretch_YUVScale(slot->job_ptr);
+        sem_post(&slot->job.sem_done);
+    }
+    // Teardown waits for this last post to know the worker has left.
+    sem_post(&slot->job.sem_done);
+    return nullptr;
+}

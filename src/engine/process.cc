@@ -1,0 +1,211 @@
+// One frame: analysis, decision, then enhancement on both cores or a copy.
+#include <cstring>
+
+#include "engine/band.h"
+#include "engine/ctx.h"
+
+namespace qimra {
+
+void update_cds_state() {
+    const bool requested = global_cds_params[0] == 1 && global_cds_params[1] == 1;
+    // A countdown begun in one direction is not reset when the request
+    // flips: it carries over, so a flickering request still switches after
+    // three requesting frames in all.
+    if (requested) {
+        if (cds_count_down == 0) {
+            cds_count_down = 3;
+            prev_cds_flag = 1;
+        } else if (!prev_cds_flag) {
+            if (cds_count_down-- == 1) {
+                cds_count_down = 3;
+                prev_cds_flag = 1;
+            }
+        }
+    } else {
+        if (cds_count_down == 0) {
+            cds_count_down = 3;
+            prev_cds_flag = 0;
+        } else if (prev_cds_flag) {
+            if (--cds_count_down == 0) {
+                cds_count_down = 3;
+                prev_cds_flag = 0;
+            }
+        }
+    }
+}
+
+namespace {
+
+void downscale_for_analysis(ctx* c, uint8_t* in_y, int32_t in_stride) {
+    for (int i = 0; i < 2; ++i) {
+        qimra_job& job = c->slot[i].job;
+        job.op = kOpDownscale4;
+        job.core = i;
+        job.rs_src = in_y;
+        job.rs_src_height = c->height;
+        job.rs_src_width = c->width;
+        job.rs_src_stride = in_stride;
+        job.rs_dst = c->ds_luma;
+        job.rs_dst_width = c->width >> 2;
+        job.rs_dst_height = c->height >> 2;
+        job.rs_dst_stride = c->width >> 2;
+    }
+    run_on_both_cores(c);
+}
+
+int analyse_and_decide(ctx* c, segment* analysed) {
+    for (int i = 0; i < 2; ++i) {
+        qimra_job& job = c->slot[i].job;
+        job.op = kOpLocalFeatures;
+        job.core = i;
+        job.ctx = c;
+        job.seg = analysed;
+    }
+    run_on_both_cores(c);
+    const int decision = blc_decide_quality(c, analysed);
+    c->strength = c->strength_hist[c->hist_index];
+    return decision;
+}
+
+void build_colour_table(ctx* c) {
+    for (int i = 0; i < 2; ++i) {
+        qimra_job& job = c->slot[i].job;
+        job.op = kOpColourTable;
+        job.core = i;
+        job.ctx = c;
+    }
+    run_on_both_cores(c);
+}
+
+struct Frame {
+    uint8_t* in_y;
+    uint8_t* in_uv;
+    int32_t in_stride;
+    int32_t in_scanlines;
+    uint8_t* out_y;
+    uint8_t* out_uv;
+    int32_t out_stride;
+    int32_t out_scanlines;
+};
+
+void enhance(ctx* c, const Frame& f) {
+    build_colour_table(c);
+    for (int i = 1; i >= 0; --i) {
+        qimra_job& job = c->slot[i].job;
+        job.core = i;
+        job.ctx = c;
+        if (c->quarter_mode) {
+            job.gf_src = c->ds_luma;
+            job.gf_width = c->width >> 2;
+            job.gf_height = c->height >> 2;
+        } else {
+            job.gf_src = f.in_y;
+            job.gf_width = c->width;
+            job.gf_height = c->height;
+        }
+        job.gf_radius = 8;
+        job.gf_eps = 0.04f;
+        job.in_y = f.in_y;
+        job.in_uv = f.in_uv;
+        job.width = c->width;
+        job.height = c->height;
+        job.in_stride = f.in_stride;
+        job.in_scanlines = f.in_scanlines;
+        job.out_y = f.out_y;
+        job.out_uv = f.out_uv;
+        job.out_width = c->width;
+        job.out_height = c->height;
+        job.out_stride = f.out_stride;
+        job.out_scanlines = f.out_scanlines;
+        job.op = kOpBand;
+        job.cds_value = global_cds_params[0];
+        job.cds_registered = global_cds_params[1];
+        job.cds_active = prev_cds_flag;
+    }
+    if (c->quarter_mode) {
+        // The filter reads only the analysis image, so one stage suffices.
+        run_on_both_cores(c);
+        return;
+    }
+    for (int i = 0; i < 2; ++i) c->slot[i].job.op = kOpBandFilter;
+    run_on_both_cores(c);
+    for (int i = 0; i < 2; ++i) c->slot[i].job.op = kOpBandApply;
+    run_on_both_cores(c);
+}
+
+// Mode 1 shows its decision as a 64 x 64 square in the middle of the frame:
+// dark reddish when it would enhance, bright when not. The square assumes
+// planar chroma right behind a luma plane of stride width.
+void mark_decision(ctx* c, uint8_t* out_y, int decision) {
+    const int32_t w = c->width;
+    const int32_t h = c->height;
+    const float o_y = decision ? 0.0f : 63.75f;
+    const float o_v = decision ? 63.75f : 0.0f;
+    for (int32_t y = h / 2 - 32; y <= h / 2 + 31; ++y)
+        for (int32_t x = w / 2 - 32; x <= w / 2 + 31; ++x) {
+            uint8_t& p = out_y[y * w + x];
+            p = static_cast<uint8_t>(static_cast<int32_t>(o_y + 0.75f * p));
+        }
+    uint8_t* u_plane = out_y + w * h;
+    uint8_t* v_plane = u_plane + w * h / 4;
+    const int32_t cw = w / 2;
+    for (int32_t y = (h - 64) / 4; y <= (h + 64) / 4 - 1; ++y)
+        for (int32_t x = (w - 64) / 4; x <= (w + 64) / 4 - 1; ++x) {
+            uint8_t& u = u_plane[y * cw + x];
+            uint8_t& v = v_plane[y * cw + x];
+            u = static_cast<uint8_t>(static_cast<int32_t>(0.75f * u));
+            v = static_cast<uint8_t>(static_cast<int32_t>(o_v + 0.75f * v));
+        }
+}
+
+}  // namespace
+}  // namespace qimra
+
+using namespace qimra;
+
+extern "C" int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride, int32_t in_scanlines,
+                                 uint8_t* out_y, int32_t out_stride, int32_t out_scanlines) {
+    Frame f{in_y,  c->in_chroma != nullptr ? c->in_chroma : in_y + in_scanlines * in_stride,
+            in_stride, in_scanlines,
+            out_y, c->out_chroma != nullptr ? c->out_chroma : out_y + out_scanlines * out_stride,
+            out_stride, out_scanlines};
+    segment full{in_y, f.in_uv, c->width, c->height, in_stride, in_scanlines};
+    segment reduced{c->ds_luma, nullptr, c->width >> 2, c->height >> 2, c->width >> 2, c->height >> 2};
+
+    if (c->quarter_mode) downscale_for_analysis(c, in_y, in_stride);
+
+    segment* analysed = (c->quarter_mode && c->analyse_ds == 1) ? &reduced : &full;
+    blc_gen_hist(analysed->luma, analysed->width, analysed->height, analysed->stride, c, 1, 0);
+
+    int decision;
+    if (c->adaptive_mode != 0) {
+        decision = analyse_and_decide(c, analysed);
+    } else {
+        decision = 1;
+        c->strength = 128;
+        create_gamma_tab(c->gamma_lut, c->gamma_hist, c->gamma, 128, 230);
+        c->chroma_sigma = 4.0f;
+    }
+
+    update_cds_state();
+
+    if (decision != 0 && c->adaptive_mode != 1) {
+        enhance(c, f);
+    } else {
+        if (out_y != in_y) {
+            // Whole planes in one piece: a frame that is not enhanced is
+            // taken to be packed at the frame width.
+            memcpy(out_y, in_y, static_cast<size_t>(c->width) * c->height);
+            memcpy(f.out_uv, f.in_uv, static_cast<size_t>(c->width) * c->height / 2);
+        }
+        if (c->adaptive_mode == 1) mark_decision(c, out_y, decision);
+    }
+
+    c->ext_hist = nullptr;
+    c->hist_index = static_cast<uint8_t>(c->hist_index + 1);
+    c->in_chroma = nullptr;
+    c->out_chroma = nullptr;
+    c->frame_count += 1;
+    global_cam_params[1] = 0;
+    return 0;
+}

@@ -1,0 +1,52 @@
+#include "support/engine_helpers.h"
+
+#include <dirent.h>
+
+#include <sstream>
+
+namespace qimra::test {
+
+void fill_random(uint8_t* p, size_t n, uint32_t seed) {
+    uint32_t s = seed ? seed : 0x9E3779B9u;
+    for (size_t i = 0; i < n; ++i) {
+        s ^= s << 13;
+        s ^= s >> 17;
+        s ^= s << 5;
+        p[i] = static_cast<uint8_t>(s >> 24);
+    }
+}
+
+void reset_globals() {
+    cds_count_down = 3;
+    prev_cds_flag = 0;
+    global_cds_params[0] = global_cds_params[1] = 0;
+    global_cam_params[0] = global_cam_params[1] = 0;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> out;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) out.push_back(line);
+    return out;
+}
+
+int thread_count() {
+    int n = 0;
+    if (DIR* d = opendir("/proc/self/task")) {
+        while (dirent* e = readdir(d))
+            if (e->d_name[0] != '.') ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+uint64_t fnv1a(const uint8_t* p, size_t n) {
+    uint64_t h = 1469598103934665603ull;
+    for (size_t i = 0; i < n; ++i) {
+        h ^= p[i];
+        h *= 1099511628211ull;
+    }
+    return h;
+}
+
+}  // namespace qimra::test
