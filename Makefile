@@ -4,7 +4,7 @@
 TEST_PRESETS ?= host host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup test $(addprefix test-,$(TEST_PRESETS) host-scalar) clean
+.PHONY: all build setup media test $(addprefix test-,$(TEST_PRESETS) host-scalar) clean
 
 all: build
 
@@ -15,7 +15,10 @@ build: setup
 	@cmake --preset host >/dev/null
 	@cmake --build --preset host -j $(JOBS)
 
-test: setup
+media: setup
+	@scripts/fetch-media
+
+test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done
 
 test-%:
