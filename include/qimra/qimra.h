@@ -45,13 +45,13 @@ typedef struct segment {
 
 /* 19 words describing one 256-bin histogram (filled by blc_locate_hist_peaks). */
 typedef struct feature_vect {
-    float shape0;          /* word 0: shape measure of the valid peaks */
-    float shape1;          /* word 1: shape measure of the valid peaks */
+    float peak_count_log;  /* word 0: ln(0.01 + valid peaks / 64) */
+    float core_sharpness;  /* word 1: cube root of the dominant peak's height share per core width */
     float peak_ratio_log;  /* word 2: ln(strongest extreme peak / strongest mid-tone peak) */
     float hist_std;        /* word 3: spread of the whole histogram */
     float hist_mean;       /* word 4: truncated mean bin of the whole histogram */
     float posn_wt;         /* word 5: slope measure of the strongest dark-half peak */
-    float shape6;          /* word 6: shape measure of the valid peaks */
+    float bimodality;      /* word 6: separation of the two strongest peaks, by their height ratio */
     float valley_mass;     /* word 7: mass between the dark and the bright peak */
     int32_t region;        /* word 8: region index, -1 for the whole image */
     float band_dark;       /* word 9: fraction of pixels in bins 0-71 */
@@ -187,6 +187,21 @@ QIMRA_API int32_t* qimra_register_capture_params(qimra_ctx* c, const void* param
 /* CDS request (int32; 1 requests) in force until the next registration; returns the log call's result. */
 QIMRA_API int qimra_register_cds_params(qimra_ctx* c, const int32_t* param);
 
+/* What the engine did with the frame just processed (for traces and tools). */
+typedef struct qimra_frame_report {
+    int32_t frame;        /* index of that frame, counted from 0 */
+    int32_t decision;     /* 1 when the scene was judged worth enhancing */
+    int32_t enhanced;     /* 1 when the frame was enhanced (never in adaptive mode 1) */
+    int32_t mid;          /* normalisation point of the tone curve (the strength); 128 in mode 0 */
+    float gamma;          /* exponent of the tone curve; the configured gamma in mode 0 */
+    int32_t top_level;    /* the decision's top output level, 230-255; 230 in mode 0 */
+    float chroma_sigma;   /* width of the chroma gain curve */
+    uint8_t tone_curve[256]; /* the 256-entry tone table of the frame */
+} qimra_frame_report;
+/* Fill *report for the frame just processed. Returns 0, or 1 when either
+ * pointer is null or no frame has been processed yet (report untouched). */
+QIMRA_API int qimra_get_frame_report(const qimra_ctx* c, qimra_frame_report* report);
+
 /* Accounting allocator: every engine buffer comes from here. */
 QIMRA_API uint8_t* blc_malloc(int size);
 /* The job runner: dispatches a qimra_job on its op. */
@@ -225,7 +240,8 @@ QIMRA_API int blc_derive_sub_dims(int a, int b, int c, int* cols, int* rows);
 QIMRA_API void blc_gen_hist_mod(segment* seg, int a, qimra_ctx* c, int b, int d, int e, int f);
 /* Condense one histogram into a feature record; scratch holds the peaks. */
 QIMRA_API void blc_locate_hist_peaks(const int32_t* hist, feature_vect* out, peak_descr* scratch);
-/* Indices of n peaks by descending height. */
+/* Indices of n peaks by descending height (ties in index order). used[n] marks
+ * peaks already taken (non-zero) and is updated; when none is left, 0 is written. */
 QIMRA_API void peak_sort(const peak_descr* peaks, int* order, int* used, int n);
 /* Region histograms and features of this core's share of the 12 regions. */
 QIMRA_API void blc_local_hist_features(qimra_ctx* c, segment* seg, int core, int ncores);

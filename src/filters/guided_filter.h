@@ -1,0 +1,34 @@
+// The one-pass self-guided filter: inside each (2r + 1)^2 window the output
+// is a * I + (1 - a) * mean with a = var / (var + eps), applied at the
+// window's centre only. It reads the padded summed-area tables
+// (row stride width + 2r + 1) and writes a packed width x height image.
+#pragma once
+
+#include <bit>
+#include <cstdint>
+
+#include "simd/neon.h"
+
+namespace qimra {
+
+// 1/65025 = 1/255^2 in single precision: eps is given in units of the
+// variance of values normalised to 0..1.
+constexpr float kInvSquared255 = std::bit_cast<float>(0x37810182u);
+static_assert(kInvSquared255 == 1.0f / 65025.0f);
+
+// Per-pixel form: columns [first_column, width) of every row, then the 4 zero
+// bytes after the image that the vector form's last group store leaves.
+// Source row y is read at src + y * width.
+void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
+                                int32_t first_column);
+
+#if QIMRA_HAVE_NEON
+// Vector form: the leading width / 4 groups of four pixels of every row; each
+// group store writes its four results and four zero bytes after them, which
+// the next group (or the per-pixel form) overwrites. Returns the columns done.
+int32_t self_guided_filter_1pass_neon(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                      int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
+#endif
+
+}  // namespace qimra

@@ -1,0 +1,77 @@
+#include <cfloat>
+#include <cmath>
+#include <cstddef>
+
+#include "filters/guided_filter.h"
+#include "qimra/qimra.h"
+#include "simd/convert.h"
+#include "simd/recpe.h"
+
+namespace qimra {
+namespace {
+
+// The filter's arithmetic is that of the Advanced SIMD unit, which treats
+// denormal operands and results as zero. They arise only for an eps beyond
+// about 2^69 (a, a * mean and I * a turn denormal) and never change an output
+// byte there, but the per-pixel form mirrors the unit so that its values are
+// the vector form's on ARM.
+inline float flush(float v) { return std::fabs(v) < FLT_MIN ? std::copysign(0.0f, v) : v; }
+inline float mul(float a, float b) { return flush(flush(a) * flush(b)); }
+inline float add(float a, float b) { return flush(flush(a) + flush(b)); }
+inline float sub(float a, float b) { return flush(flush(a) - flush(b)); }
+
+// Sum over the window whose table corners start at top (row y, column x):
+// bottom-right + top-left - bottom-left - top-right, modulo 2^32.
+inline uint32_t window_sum(const uint32_t* top, ptrdiff_t below, int32_t side) {
+    const uint32_t* bottom = top + below;
+    return bottom[side] + top[0] - bottom[0] - top[side];
+}
+
+}  // namespace
+
+void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
+                                int32_t first_column) {
+    if (width <= 0 || height <= 0) return;
+    const int32_t side = 2 * radius + 1;
+    const ptrdiff_t table_stride = static_cast<ptrdiff_t>(width) + side;
+    const ptrdiff_t below = side * table_stride;
+    const float inv_n = 1.0f / static_cast<float>(side * side);
+    for (int32_t y = 0; y < height; ++y) {
+        const uint8_t* in = src + static_cast<ptrdiff_t>(y) * width;
+        uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
+        const uint32_t* sum_row = ii_sum + y * table_stride;
+        const uint32_t* sq_row = ii_sqsum + y * table_stride;
+        for (int32_t x = first_column; x < width; ++x) {
+            const uint32_t s = window_sum(sum_row + x, below, side);
+            const uint32_t q = window_sum(sq_row + x, below, side);
+            const float mean = mul(static_cast<float>(s), inv_n);
+            const float var = mul(sub(mul(static_cast<float>(q), inv_n), mul(mean, mean)), kInvSquared255);
+            // The raw estimate, unrefined: its error is part of the output.
+            const float a = mul(recpe_f32(add(var, eps)), var);
+            const float t1 = mul(a, mean);
+            const float t2 = mul(static_cast<float>(in[x]), a);
+            const float t3 = sub(mean, t1);
+            // Truncated and saturated to 32 bits, then cut to 8: 256 and
+            // above wrap rather than clamp.
+            out[x] = low_byte_of_u32(add(t2, t3));
+        }
+    }
+    uint8_t* tail = dst + static_cast<ptrdiff_t>(width) * height;
+    for (int k = 0; k < 4; ++k) tail[k] = 0;
+}
+
+}  // namespace qimra
+
+// src_stride is not used: the source is read as rows of `width` bytes, the
+// layout of the guided-filter input on the frame path.
+extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_stride*/, const uint32_t* ii_sum,
+                                             const uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst,
+                                             int width, int height, float*, float*, uint32_t*, uint32_t*) {
+    if (width <= 0 || height <= 0) return;
+    int32_t done = 0;
+#if QIMRA_HAVE_NEON
+    done = qimra::self_guided_filter_1pass_neon(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
+#endif
+    qimra::self_guided_filter_1pass_c(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, done);
+}

@@ -1,0 +1,107 @@
+#include "filters/integral_image.h"
+
+#include <cstddef>
+
+#include "qimra/qimra.h"
+
+namespace qimra {
+namespace {
+
+// One table row from the row above and one (padded) image row: entry j is the
+// entry above plus the running sum of the row's first j pixels. This is the
+// four-term recurrence rearranged; both give the true sum modulo 2^32.
+// The square table wraps on large images on purpose: every consumer takes
+// four-corner differences of windows small enough to be exact modulo 2^32.
+// `border` copies of the row's first and last pixels stand left and right of
+// it. Writes entries 1..width + 2 * border of sum and sq.
+struct RowAccumulator {
+    uint32_t* sum;
+    uint32_t* sq;
+    const uint32_t* sum_above;
+    const uint32_t* sq_above;
+    uint32_t run = 0;
+    uint32_t run_sq = 0;
+    ptrdiff_t j = 1;
+
+    void add(uint32_t p) {
+        run += p;
+        run_sq += p * p;
+        sum[j] = sum_above[j] + run;
+        sq[j] = sq_above[j] + run_sq;
+        ++j;
+    }
+
+    void repeat(uint32_t p, int32_t count) {
+        const uint32_t p2 = p * p;
+        for (int32_t k = 0; k < count; ++k) {
+            run += p;
+            run_sq += p2;
+            sum[j] = sum_above[j] + run;
+            sq[j] = sq_above[j] + run_sq;
+            ++j;
+        }
+    }
+};
+
+void accumulate_row(const uint8_t* row, int32_t width, int32_t border, const uint32_t* sum_above,
+                    const uint32_t* sq_above, uint32_t* sum, uint32_t* sq) {
+    RowAccumulator acc{sum, sq, sum_above, sq_above};
+    if (border > 0) acc.repeat(row[0], border);
+    int32_t x = 0;
+    for (; x + 2 <= width; x += 2) {
+        acc.add(row[x]);
+        acc.add(row[x + 1]);
+    }
+    if (x < width) acc.add(row[x]);
+    if (border > 0) acc.repeat(row[width - 1], border);
+}
+
+void zero(uint32_t* p, ptrdiff_t n) {
+    for (ptrdiff_t k = 0; k < n; ++k) p[k] = 0;
+}
+
+}  // namespace
+}  // namespace qimra
+
+extern "C" void blc_gen_ii(const uint8_t* src, int src_stride, int ii_stride, int width, int height,
+                           uint32_t* ii_sum, uint32_t* ii_sqsum) {
+    if (width >= 0) {
+        qimra::zero(ii_sum, static_cast<ptrdiff_t>(width) + 1);
+        qimra::zero(ii_sqsum, static_cast<ptrdiff_t>(width) + 1);
+    }
+    if (height < 0) return;
+    const ptrdiff_t stride = ii_stride;
+    for (ptrdiff_t i = 0; i <= height; ++i) {
+        ii_sum[i * stride] = 0;
+        ii_sqsum[i * stride] = 0;
+    }
+    if (width <= 0) return;
+    for (ptrdiff_t i = 1; i <= height; ++i) {
+        qimra::accumulate_row(src + (i - 1) * static_cast<ptrdiff_t>(src_stride), width, 0,
+                              ii_sum + (i - 1) * stride, ii_sqsum + (i - 1) * stride, ii_sum + i * stride,
+                              ii_sqsum + i * stride);
+    }
+}
+
+// The padded image is never written out: each table row reads its source row
+// (clamped) and replicates the row's end pixels on the fly. The table stride
+// follows from the width; the third argument is accepted for the interface
+// and has no effect.
+extern "C" void blc_gen_ii_pad(const uint8_t* src, int src_stride, int /*ii_stride*/, int width, int height,
+                               uint32_t* ii_sum, uint32_t* ii_sqsum) {
+    constexpr int32_t border = qimra::kIntegralPadding;
+    const ptrdiff_t stride = qimra::padded_integral_stride(width);
+    const int32_t padded_rows = height + 2 * border;
+    qimra::zero(ii_sum, stride);
+    qimra::zero(ii_sqsum, stride);
+    for (int32_t i = 1; i <= padded_rows; ++i) {
+        int32_t y = i - 1 - border;
+        y = y < 0 ? 0 : (y >= height ? height - 1 : y);
+        uint32_t* sum = ii_sum + i * stride;
+        uint32_t* sq = ii_sqsum + i * stride;
+        sum[0] = 0;
+        sq[0] = 0;
+        qimra::accumulate_row(src + y * static_cast<ptrdiff_t>(src_stride), width, border, sum - stride,
+                              sq - stride, sum, sq);
+    }
+}

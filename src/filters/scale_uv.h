@@ -1,0 +1,50 @@
+// Chroma scaling by the per-block gain of the luma table, around 128.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "simd/neon.h"
+
+namespace qimra {
+
+// One chroma sample: (c - 128) * g + 4096 in 16-bit arithmetic that wraps
+// (large gains on saturated colours read as negative and give 0), then a
+// rounding shift by 5 saturated to 0..255.
+inline uint8_t scale_chroma(uint8_t c, uint8_t g) {
+    const auto v = static_cast<int16_t>(static_cast<uint16_t>((uint32_t{c} - 128u) * g + 4096u));
+    const int32_t r = (int32_t{v} + 16) >> 5;
+    return static_cast<uint8_t>(r < 0 ? 0 : r > 255 ? 255 : r);
+}
+
+// Groups of 8 chroma pairs the routines process for a band: the inner loop
+// steps 16 luma columns and the outer 2 luma rows, each at least once.
+inline size_t scale_uv_groups(int32_t width, int32_t height) {
+    const size_t steps = width > 0 ? static_cast<size_t>(width - 1) / 16 + 1 : 1;
+    const size_t rows = height > 0 ? static_cast<size_t>(height - 1) / 2 + 1 : 1;
+    return steps * rows;
+}
+
+void scale_uv_planar_c(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                       const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_nv_c(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
+
+#if QIMRA_HAVE_NEON
+// Lane-for-lane NEON: 8 pairs per step, two steps at a time.
+void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                          const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_nv_neon(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
+#endif
+
+// x86-64 has its own vector form: translated, the NEON widening and
+// narrowing of 8-lane halves costs several shuffles each.
+#if QIMRA_HAVE_NEON && defined(__SSE2__)
+#define QIMRA_SCALE_UV_SSE 1
+void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                         const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_nv_sse(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
+#else
+#define QIMRA_SCALE_UV_SSE 0
+#endif
+
+}  // namespace qimra

@@ -1,0 +1,28 @@
+// Upscale by two of the guided-filter base: every output pixel is a weighted
+// 2 x 2 sum of source pixels with weights in 1/256, truncated.
+#pragma once
+
+#include <cstdint>
+
+#include "simd/neon.h"
+
+namespace qimra {
+
+// Destination rows 2y and 2y + 1 (dst0, dst1; 2w pixels each) from source
+// rows y and y + 1 (src0, src1; w pixels each), for source columns
+// x_begin .. w - 1. The last column repeats itself. Passing src1 == src0
+// gives the last-row pass (both destination rows equal).
+void upscale2_rows_c(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w,
+                     int32_t x_begin);
+
+#if QIMRA_HAVE_NEON
+// Leading source columns, 16 at a time while more than 15 columns with a
+// right neighbour remain; returns the first column it did not do. The
+// destination rows must not overlap the source rows.
+int32_t upscale2_rows_neon(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
+#endif
+
+// One row pair, vector form where it applies.
+void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
+
+}  // namespace qimra
