@@ -4,7 +4,7 @@
 TEST_PRESETS ?= host host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media test $(addprefix test-,$(TEST_PRESETS) host-scalar) clean
+.PHONY: all build setup media demo test $(addprefix test-,$(TEST_PRESETS) host-scalar) clean
 
 all: build
 
@@ -17,6 +17,10 @@ build: setup
 
 media: setup
 	@scripts/fetch-media
+
+# make demo: a backlit 1080p clip enhanced into out/demo/ (see scripts/demo).
+demo:
+	@scripts/demo
 
 test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done

@@ -13,8 +13,12 @@
 // on one thread.
 //
 // Frames are real photographs from .cache/media/yuv/<name>_<W>x<H>.yuv (raw
-// I420, written by scripts/fetch-media) where present, else a smooth
-// synthetic gradient with noise.
+// I420, written by scripts/fetch-media; --media-dir=DIR looks in DIR/yuv
+// instead) where present, else a smooth synthetic gradient with noise.
+//
+// By default every benchmark is repeated 5 times (at least 0.2 s each) and
+// only the aggregates are shown; any Google Benchmark flag overrides this.
+// With console output a summary table of the medians closes the run.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -196,11 +200,24 @@ std::vector<uint8_t> to_nv12(const std::vector<uint8_t>& i420, FrameSize s) {
 // ---------------------------------------------------------------------------
 // Cold buffers
 
+// The largest cache this core sees. sysfs gives the slice a core actually
+// uses; sysconf may report a whole package's last level (hundreds of MB).
+size_t largest_cache_bytes() {
+    size_t largest = 0;
+    for (int index = 0; index < 8; ++index) {
+        std::ifstream in("/sys/devices/system/cpu/cpu0/cache/index" + std::to_string(index) + "/size");
+        size_t kib = 0;
+        if (in >> kib) largest = std::max(largest, kib * 1024);
+    }
+    if (largest == 0)
+        for (int level : {_SC_LEVEL2_CACHE_SIZE, _SC_LEVEL3_CACHE_SIZE})
+            largest = std::max(largest, static_cast<size_t>(std::max(0L, sysconf(level))));
+    return largest;
+}
+
 size_t cold_bytes() {
-    long largest = 0;
-    for (int level : {_SC_LEVEL1_DCACHE_SIZE, _SC_LEVEL2_CACHE_SIZE, _SC_LEVEL3_CACHE_SIZE, _SC_LEVEL4_CACHE_SIZE})
-        largest = std::max(largest, sysconf(level));
-    return std::max<size_t>(size_t{64} << 20, 4 * static_cast<size_t>(largest));
+    static const size_t bytes = std::clamp<size_t>(4 * largest_cache_bytes(), size_t{64} << 20, size_t{1} << 30);
+    return bytes;
 }
 
 // Copies of one frame laid end to end, together larger than the caches:
@@ -617,7 +634,7 @@ public:
         auto print_row = [&](const Row& row, bool ratio) {
             bool any = false;
             std::string text;
-            std::snprintf(line, sizeof line, "%-34s", (ratio ? "  x copy, " + row.label.substr(8) : row.label).c_str());
+            std::snprintf(line, sizeof line, "%-34s", (ratio ? "  / copy in the same loop" : row.label).c_str());
             text += line;
             for (const FrameSize s : kSizes) {
                 const auto it = results_.find(full_name(row.key, s));

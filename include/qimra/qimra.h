@@ -275,7 +275,8 @@ QIMRA_API void blc_self_guided_filter(const uint8_t* src, int src_stride, const 
                                       const uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst,
                                       int width, int height, float* w0, float* w1, uint32_t* w2,
                                       uint32_t* w3);
-/* Two-pass guided filter over padded tables it builds itself, refined reciprocal. */
+/* Two-pass guided filter over padded tables it builds itself ((height + 17) x (width + 17)
+ * entries each), refined reciprocal; radius 0 to 8. */
 QIMRA_API void blc_self_guided_filter_2pass_pad(const uint8_t* src, int src_stride, uint32_t* ii_sum,
                                                 uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst,
                                                 int width, int height, float* w0, float* w1, float* w2);
@@ -294,7 +295,8 @@ QIMRA_API void blc_scale_yuv12_2x2nn(const uint8_t* src, int src_stride, uint8_t
                                      const uint8_t* base, uint8_t* gain, int width, int height,
                                      qimra_ctx* c, const uint8_t* in_c1, const uint8_t* in_c2,
                                      uint8_t* out_c1, uint8_t* out_c2);
-/* Quarter-size base upscaled by four on the fly and enhanced in one pass. */
+/* Quarter-size base upscaled by four on the fly and enhanced in one pass; the gain plane
+ * (stride width / 2) needs height / 2 + 1 rows. */
 QIMRA_API void qimra_upscale4_y_enh_mc(void* job, const uint8_t* src, int src_stride, uint8_t* dst,
                                        int dst_stride, const uint8_t* base, uint8_t* gain, int width,
                                        int height, qimra_ctx* c);
@@ -334,14 +336,20 @@ QIMRA_API void ReSizeImage(void* size_record, const uint8_t* src, uint8_t* dst);
 /* Border padding in place around an image inside a larger buffer. */
 QIMRA_API void pad_with_replication(uint8_t* img, int width, int height, int pad_x, int pad_y, int stride);
 QIMRA_API void pad_with_reflection(uint8_t* img, int width, int height, int pad_x, int pad_y, int stride);
-/* Halving with Gaussian and Lanczos kernels. */
+/* Halving with Gaussian and Lanczos kernels. Each writes (width / 2) x
+ * (height / 2) pixels: an odd last row or column only feeds taps. */
+/* Gaussian 1 4 6 4 1: edges take the nearest pixel; work: (width / 2) * height bytes. */
 QIMRA_API void downscale_by_2_gaussian(const uint8_t* src, uint8_t* dst, uint8_t* work, int width,
                                        int height, int src_stride, int dst_stride);
+/* Writes c[0 .. 2 * (n >> 1)], unnormalised. */
 QIMRA_API void gen_lanczos_coeffs(float* c, int n, float s);
+/* Lanczos, edges take the nearest pixel (nothing read outside the image); work: (width / 2) * height bytes. */
 QIMRA_API void downscale_by_2_lanczos(const uint8_t* src, uint8_t* dst, uint8_t* work, int width,
                                       int height, int src_stride, int dst_stride);
+/* Lanczos, reads 4 pixels beyond both ends of every source row; work: (width / 2 + 16) * (height + 16) bytes. */
 QIMRA_API void downscale_by_2_lanczos_w_pad(const uint8_t* src, uint8_t* dst, uint8_t* work, int width,
                                             int height, int src_stride, int dst_stride);
+/* Forwards to downscale_by_2_lanczos_w_pad (same border and work buffer). */
 QIMRA_API void downscale_by_2(const uint8_t* src, uint8_t* dst, uint8_t* work, int width, int height,
                               int src_stride, int dst_stride);
 

@@ -19,8 +19,8 @@ void gamma_line_c(uint8_t* out, int32_t b, int64_t d, int32_t k_begin, int32_t k
 namespace {
 
 // P(s) = pow(s / M, gamma): float arguments, double power, rounded back to
-// float. P(0) is inv * 0.0 rather than pow(0, gamma), which only differs
-// when M is 0 (inv infinite, so P(0) is NaN).
+// float. P(0) is inv * 0.0 rather than pow(0, gamma): 0 whatever the gamma,
+// NaN when M is 0 (inv infinite).
 float power_knot(int32_t s, float inv, float gamma) {
     if (s == 0) return inv * 0.0f;
     const float base = static_cast<float>(s) * inv;

@@ -22,10 +22,11 @@ inline uint32x4_t window_sum4(const uint32_t* top, ptrdiff_t below, int32_t side
     return vsubq_u32(vsubq_u32(br_tl, vld1q_u32(bottom)), vld1q_u32(top + side));
 }
 
-// Four output pixels at x. Only the four source bytes are read (a 32-bit
-// load), so the source needs no slack past its last pixel.
-inline void filter_group(const uint32_t* sum_top, const uint32_t* sq_top, ptrdiff_t below, int32_t side,
-                         const uint8_t* in, uint8_t* out, const Constants& k) {
+// Four output pixels: their bytes followed by four zero bytes, as one group
+// store writes them. Only the four source bytes are read (a 32-bit load), so
+// the source needs no slack past its last pixel.
+inline uint8x8_t filter_group(const uint32_t* sum_top, const uint32_t* sq_top, ptrdiff_t below, int32_t side,
+                              const uint8_t* in, const Constants& k) {
     const uint32x4_t s = window_sum4(sum_top, below, side);
     const uint32x4_t q = window_sum4(sq_top, below, side);
     const float32x4_t mean = vmulq_f32(vcvtq_f32_u32(s), k.inv_n);
@@ -45,9 +46,9 @@ inline void filter_group(const uint32_t* sum_top, const uint32_t* sq_top, ptrdif
     // Saturating truncation to 32 bits, then two plain narrowings: values of
     // 256 and above wrap. (Off ARM the translated conversion is inexact only
     // in [2^31, 2^32), where every float is a multiple of 256, so the low
-    // byte still agrees.) The upper half of the store is four zero bytes.
+    // byte still agrees.)
     const uint16x4_t narrow = vmovn_u32(vcvtq_u32_f32(vaddq_f32(t2, t3)));
-    vst1_u8(out, vmovn_u16(vcombine_u16(narrow, vdup_n_u16(0))));
+    return vmovn_u16(vcombine_u16(narrow, vdup_n_u16(0)));
 }
 
 }  // namespace
@@ -66,13 +67,18 @@ int32_t self_guided_filter_1pass_neon(const uint8_t* src, const uint32_t* ii_sum
         uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
         const uint32_t* sum_row = ii_sum + y * table_stride;
         const uint32_t* sq_row = ii_sqsum + y * table_stride;
+        const int32_t end = 4 * groups;
         int32_t x = 0;
-        // Two independent groups per step keep an in-order pipeline busy.
-        for (; x + 8 <= 4 * groups; x += 8) {
-            filter_group(sum_row + x, sq_row + x, below, side, in + x, out + x, k);
-            filter_group(sum_row + x + 4, sq_row + x + 4, below, side, in + x + 4, out + x + 4, k);
+        // Two independent groups per step, both computed before either is
+        // stored, so that the compiler may interleave them (a byte store could
+        // otherwise alias the next group's loads).
+        for (; x + 8 <= end; x += 8) {
+            const uint8x8_t first = filter_group(sum_row + x, sq_row + x, below, side, in + x, k);
+            const uint8x8_t second = filter_group(sum_row + x + 4, sq_row + x + 4, below, side, in + x + 4, k);
+            vst1_u8(out + x, first);
+            vst1_u8(out + x + 4, second);
         }
-        if (x < 4 * groups) filter_group(sum_row + x, sq_row + x, below, side, in + x, out + x, k);
+        if (x < end) vst1_u8(out + x, filter_group(sum_row + x, sq_row + x, below, side, in + x, k));
     }
     return 4 * groups;
 }

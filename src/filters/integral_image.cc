@@ -7,45 +7,42 @@
 namespace qimra {
 namespace {
 
-// One table row from the row above and one (padded) image row: entry j is the
-// entry above plus the running sum of the row's first j pixels. This is the
-// four-term recurrence rearranged; both give the true sum modulo 2^32.
+// One table row from the row above it and one (padded) image row: entry j is
+// the entry above plus the running sum of the row's first j pixels. This is
+// the four-term recurrence rearranged; both give the true sum modulo 2^32.
 // The square table wraps on large images on purpose: every consumer takes
 // four-corner differences of windows small enough to be exact modulo 2^32.
 // `border` copies of the row's first and last pixels stand left and right of
-// it. Writes entries 1..width + 2 * border of sum and sq.
-struct RowAccumulator {
-    uint32_t* sum;
-    uint32_t* sq;
-    const uint32_t* sum_above;
-    const uint32_t* sq_above;
-    uint32_t run = 0;
-    uint32_t run_sq = 0;
-    ptrdiff_t j = 1;
+// it. Writes entries 1..width + 2 * border of the rows at sum and sq, reading
+// the rows `stride` entries above them.
+class RowAccumulator {
+public:
+    RowAccumulator(uint32_t* sum, uint32_t* sq, ptrdiff_t stride) : sum_(sum), sq_(sq), up_(-stride) {}
 
     void add(uint32_t p) {
-        run += p;
-        run_sq += p * p;
-        sum[j] = sum_above[j] + run;
-        sq[j] = sq_above[j] + run_sq;
-        ++j;
+        run_ += p;
+        run_sq_ += p * p;
+        ++sum_;
+        ++sq_;
+        *sum_ = sum_[up_] + run_;
+        *sq_ = sq_[up_] + run_sq_;
     }
 
     void repeat(uint32_t p, int32_t count) {
-        const uint32_t p2 = p * p;
-        for (int32_t k = 0; k < count; ++k) {
-            run += p;
-            run_sq += p2;
-            sum[j] = sum_above[j] + run;
-            sq[j] = sq_above[j] + run_sq;
-            ++j;
-        }
+        for (int32_t k = 0; k < count; ++k) add(p);
     }
+
+private:
+    uint32_t* sum_;
+    uint32_t* sq_;
+    ptrdiff_t up_;
+    uint32_t run_ = 0;
+    uint32_t run_sq_ = 0;
 };
 
-void accumulate_row(const uint8_t* row, int32_t width, int32_t border, const uint32_t* sum_above,
-                    const uint32_t* sq_above, uint32_t* sum, uint32_t* sq) {
-    RowAccumulator acc{sum, sq, sum_above, sq_above};
+void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t stride, uint32_t* sum,
+                    uint32_t* sq) {
+    RowAccumulator acc(sum, sq, stride);
     if (border > 0) acc.repeat(row[0], border);
     int32_t x = 0;
     for (; x + 2 <= width; x += 2) {
@@ -77,9 +74,8 @@ extern "C" void blc_gen_ii(const uint8_t* src, int src_stride, int ii_stride, in
     }
     if (width <= 0) return;
     for (ptrdiff_t i = 1; i <= height; ++i) {
-        qimra::accumulate_row(src + (i - 1) * static_cast<ptrdiff_t>(src_stride), width, 0,
-                              ii_sum + (i - 1) * stride, ii_sqsum + (i - 1) * stride, ii_sum + i * stride,
-                              ii_sqsum + i * stride);
+        qimra::accumulate_row(src + (i - 1) * static_cast<ptrdiff_t>(src_stride), width, 0, stride,
+                              ii_sum + i * stride, ii_sqsum + i * stride);
     }
 }
 
@@ -101,7 +97,6 @@ extern "C" void blc_gen_ii_pad(const uint8_t* src, int src_stride, int /*ii_stri
         uint32_t* sq = ii_sqsum + i * stride;
         sum[0] = 0;
         sq[0] = 0;
-        qimra::accumulate_row(src + y * static_cast<ptrdiff_t>(src_stride), width, border, sum - stride,
-                              sq - stride, sum, sq);
+        qimra::accumulate_row(src + y * static_cast<ptrdiff_t>(src_stride), width, border, stride, sum, sq);
     }
 }

@@ -19,9 +19,9 @@ inline uint8_t scale_chroma(uint8_t c, uint8_t g) {
 
 // Groups of 8 chroma pairs the routines process for a band: the inner loop
 // steps 16 luma columns and the outer 2 luma rows, each at least once.
-inline size_t scale_uv_groups(int32_t width, int32_t height) {
-    const size_t steps = width > 0 ? static_cast<size_t>(width - 1) / 16 + 1 : 1;
-    const size_t rows = height > 0 ? static_cast<size_t>(height - 1) / 2 + 1 : 1;
+inline std::size_t scale_uv_groups(int32_t width, int32_t height) {
+    const std::size_t steps = width > 0 ? static_cast<std::size_t>(width - 1) / 16 + 1 : 1;
+    const std::size_t rows = height > 0 ? static_cast<std::size_t>(height - 1) / 2 + 1 : 1;
     return steps * rows;
 }
 

@@ -25,8 +25,8 @@ inline uint8x16_t scale16(uint16x8_t bias_lo, uint16x8_t bias_hi, uint8x16_t c, 
 
 void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                           const uint8_t* gain, int32_t width, int32_t height) {
-    const size_t pairs = 8 * scale_uv_groups(width, height);
-    size_t i = 0;
+    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+    std::size_t i = 0;
     for (; i + 16 <= pairs; i += 16) {
         const uint8x16_t g = vld1q_u8(gain + i);
         const uint16x8_t b_lo = bias(vget_low_u8(g));
@@ -47,8 +47,8 @@ void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out
 }
 
 void scale_uv_nv_neon(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height) {
-    const size_t pairs = 8 * scale_uv_groups(width, height);
-    size_t i = 0;
+    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+    std::size_t i = 0;
     for (; i + 16 <= pairs; i += 16) {
         const uint8x16_t g = vld1q_u8(gain + i);
         const uint16x8_t b_lo = bias(vget_low_u8(g));

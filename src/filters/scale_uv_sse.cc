@@ -34,8 +34,8 @@ inline void store8(uint8_t* p, __m128i v) { _mm_storel_epi64(reinterpret_cast<__
 
 void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                          const uint8_t* gain, int32_t width, int32_t height) {
-    const size_t pairs = 8 * scale_uv_groups(width, height);
-    size_t i = 0;
+    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+    std::size_t i = 0;
     for (; i + 16 <= pairs; i += 16) {
         const __m128i g = load16(gain + i);
         const __m128i u = load16(in_u + i);
@@ -54,8 +54,8 @@ void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_
 
 void scale_uv_nv_sse(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height) {
     // Each gain is doubled so that the interleaved bytes scale in place order.
-    const size_t pairs = 8 * scale_uv_groups(width, height);
-    size_t i = 0;
+    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+    std::size_t i = 0;
     for (; i + 16 <= pairs; i += 16) {
         const __m128i g = load16(gain + i);
         const __m128i uv0 = load16(in_uv + 2 * i);

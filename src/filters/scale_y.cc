@@ -44,8 +44,8 @@ extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst,
     const int32_t blocks_h = height / 4;
     if (blocks_w <= 0 || blocks_h <= 0) return;
     const int32_t cols = 4 * blocks_w;
-    const ptrdiff_t ss = src_stride, ds = dst_stride, bs = width, gs = width / 2;
-    const ptrdiff_t luma_advance = cols + 3 * ss;
+    const std::ptrdiff_t ss = src_stride, ds = dst_stride, bs = width, gs = width / 2;
+    const std::ptrdiff_t luma_advance = cols + 3 * ss;
     for (int32_t k = 0; k < blocks_h; ++k) {
         // Rows 0 and 2 of the block are the even rows; they carry the gains.
         scale_row_pair_fs(src, src + ss, dst, dst + ds, base, base + bs, gain, cols, lut);
@@ -65,8 +65,8 @@ extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* d
     const int32_t blocks_w = width / 2;
     const int32_t blocks_h = height / 2;
     if (blocks_w <= 0 || blocks_h <= 0) return;
-    const ptrdiff_t ss = src_stride, ds = dst_stride;
-    const ptrdiff_t luma_advance = 2 * blocks_w + ss;
+    const std::ptrdiff_t ss = src_stride, ds = dst_stride;
+    const std::ptrdiff_t luma_advance = 2 * blocks_w + ss;
     for (int32_t k = 0; k < blocks_h; ++k) {
         const uint8_t* s1 = src + ss;
         uint8_t* d1 = dst + ds;

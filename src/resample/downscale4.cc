@@ -1,5 +1,7 @@
 #include "resample/downscale4.h"
 
+#include <cstddef>
+
 #include "engine/ctx.h"
 #include "resample/overlap.h"
 
@@ -17,7 +19,7 @@ void downscale4_row_c(const uint8_t* row0, const uint8_t* row1, uint8_t* dst, in
 void downscale4_row(const uint8_t* row0, const uint8_t* row1, uint8_t* dst, int32_t n) {
     int32_t done = 0;
 #if QIMRA_HAVE_NEON
-    const size_t src_bytes = 4 * static_cast<size_t>(n);
+    const std::size_t src_bytes = 4 * static_cast<std::size_t>(n);
     if (n >= 16 && !ranges_overlap(dst, n, row0, src_bytes) && !ranges_overlap(dst, n, row1, src_bytes))
         done = downscale4_row_neon(row0, row1, dst, n);
 #endif
@@ -35,13 +37,13 @@ extern "C" void ReSizeImage_downscale4_mc(void* job_record) {
     if (rows <= 0 || width <= 0) return;
 
     const int32_t src_stride = job->rs_src_stride;
-    const uint8_t* src = job->rs_src + static_cast<ptrdiff_t>(4) * first_row * src_stride;
+    const uint8_t* src = job->rs_src + static_cast<std::ptrdiff_t>(4) * first_row * src_stride;
     // The stride only places a core's first row; its rows follow packed at
     // the destination width (the pipeline passes stride == width).
-    uint8_t* dst = job->rs_dst + static_cast<ptrdiff_t>(first_row) * job->rs_dst_stride;
+    uint8_t* dst = job->rs_dst + static_cast<std::ptrdiff_t>(first_row) * job->rs_dst_stride;
     for (int32_t y = 0; y < rows; ++y) {
         qimra::downscale4_row(src, src + src_stride, dst, width);
-        src += static_cast<ptrdiff_t>(4) * src_stride;
+        src += static_cast<std::ptrdiff_t>(4) * src_stride;
         dst += width;
     }
 }

@@ -37,7 +37,7 @@ void upscale2_rows_c(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, ui
 void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w) {
     int32_t x = 0;
 #if QIMRA_HAVE_NEON
-    const size_t sw = static_cast<size_t>(w);
+    const std::size_t sw = static_cast<std::size_t>(w);
     const bool disjoint = !ranges_overlap(dst0, 2 * sw, src0, sw) && !ranges_overlap(dst0, 2 * sw, src1, sw) &&
                           !ranges_overlap(dst1, 2 * sw, src0, sw) && !ranges_overlap(dst1, 2 * sw, src1, sw);
     if (disjoint) x = upscale2_rows_neon(src0, src1, dst0, dst1, w);
@@ -56,8 +56,8 @@ extern "C" void ReSizeImage_upscale2_mc(void* job_record) {
     const int32_t h = static_cast<int32_t>(static_cast<uint32_t>(job->rs_dst_height) / 2);
     if (w <= 0 || h <= 0) return;  // below the 2 x 2 minimum there is nothing to blend
 
-    const ptrdiff_t src_stride = job->rs_src_stride;
-    const ptrdiff_t dst_stride = dst_width;  // destination rows are packed at W
+    const std::ptrdiff_t src_stride = job->rs_src_stride;
+    const std::ptrdiff_t dst_stride = dst_width;  // destination rows are packed at W
     const uint8_t* src = job->rs_src;
     uint8_t* dst = job->rs_dst;
     for (int32_t y = 0; y + 1 < h; ++y) {

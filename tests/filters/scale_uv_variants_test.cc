@@ -33,8 +33,10 @@ TEST(ScaleUvVariantsNv410, ScalesOnlyTheFirstComponentIndexesOfItsRowGroups) {
                     written.insert(j);
                     written.insert(j + 1);
                 }
-            for (size_t j = 0; j < plane; ++j)
-                if (!written.count(j)) ASSERT_EQ(out[j], 0x5A) << width << "x" << height << " touched " << j;
+            for (size_t j = 0; j < plane; ++j) {
+                if (written.count(j)) continue;
+                ASSERT_EQ(out[j], 0x5A) << width << "x" << height << " touched " << j;
+            }
         }
     }
 }

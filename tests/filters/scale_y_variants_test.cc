@@ -44,9 +44,10 @@ TEST(ScaleYVariantsQuarter, BlocksMatchTheTableAndLeftoversStayUntouched) {
                 for (int x = 0; x < w; ++x) {
                     const uint16_t e = t.entry(src[size_t(y) * w + x], base[size_t(y / 4) * (w / 4) + x / 4]);
                     ASSERT_EQ(dst[size_t(y) * w + x], y < rows ? (e & 0xFF) : 0x3C) << w << "x" << h << " " << x << "," << y;
-                    if (x % 2 == 0 && y % 2 == 0 && y / 2 < h / 2)
+                    if (x % 2 == 0 && y % 2 == 0 && y / 2 < h / 2) {
                         ASSERT_EQ(gain[size_t(y / 2) * (w / 2) + x / 2], y < rows ? (e >> 8) : 0xC3)
                             << w << "x" << h << " gain " << x << "," << y;
+                    }
                 }
         }
 }

@@ -131,6 +131,15 @@ void set_av_log_level(bool verbose) { av_log_set_level(verbose ? AV_LOG_INFO : A
 
 AvSource::AvSource(const std::string& path, bool still, std::optional<Rational> still_rate) : still_(still) {
     name_ = path;
+    try {
+        open(path, still_rate);
+    } catch (...) {
+        release();
+        throw;
+    }
+}
+
+void AvSource::open(const std::string& path, std::optional<Rational> still_rate) {
     int r = avformat_open_input(&format_, path.c_str(), nullptr, nullptr);
     if (r < 0) throw file_error(path, "cannot read it: " + av_error(r));
     if ((r = avformat_find_stream_info(format_, nullptr)) < 0) throw file_error(path, "cannot read it: " + av_error(r));
@@ -140,6 +149,8 @@ AvSource::AvSource(const std::string& path, bool still, std::optional<Rational> 
         throw file_error(path, video_index_ == AVERROR_DECODER_NOT_FOUND ? "no decoder for its video"
                                                                          : "holds no picture or video");
     AVStream* st = format_->streams[video_index_];
+    if (st->codecpar->width <= 0 || st->codecpar->height <= 0)
+        throw file_error(path, "cannot read it: no picture size could be found in it");
     check_dimensions(path, st->codecpar->width, st->codecpar->height);
 
     decoder_ = avcodec_alloc_context3(codec);
@@ -172,8 +183,11 @@ AvSource::AvSource(const std::string& path, bool still, std::optional<Rational> 
     }
 }
 
-AvSource::~AvSource() {
+AvSource::~AvSource() { release(); }
+
+void AvSource::release() {
     sws_freeContext(sws_);
+    sws_ = nullptr;
     av_frame_free(&frame_);
     av_packet_free(&packet_);
     avcodec_free_context(&decoder_);
@@ -306,6 +320,16 @@ void ImageWriter::finish() {
 
 VideoWriter::VideoWriter(OutputFile& out, const StreamInfo& info, AvSource* audio_from, bool quiet)
     : out_(out), name_(out.target()), info_(info), audio_from_(audio_from) {
+    try {
+        open(quiet);
+    } catch (...) {
+        close();
+        throw;
+    }
+}
+
+void VideoWriter::open(bool quiet) {
+    const StreamInfo& info = info_;
     const AVOutputFormat* of = av_guess_format(nullptr, name_.c_str(), nullptr);
     if (of == nullptr) throw file_error(name_, "this FFmpeg has no container for its extension");
     int r = avformat_alloc_output_context2(&format_, of, nullptr, out_.temp_path().c_str());
@@ -330,13 +354,10 @@ VideoWriter::VideoWriter(OutputFile& out, const StreamInfo& info, AvSource* audi
     }
     encoder_->pix_fmt = pix;
     encoder_->framerate = {info.frame_rate.num, info.frame_rate.den};
-    encoder_->time_base = {info.time_base.num, info.time_base.den};
+    // The encoder counts in frames: some containers (AVI) and encoders
+    // (MPEG-4 part 2) take nothing else; input times are rescaled to it.
+    encoder_->time_base = {info.frame_rate.den, info.frame_rate.num};
     const std::string codec_name = codec->name;
-    if (codec_name != "libx264" && encoder_->time_base.den > 65535) {
-        // Some encoders cap the time base; count in frames instead.
-        encoder_->time_base = {info.frame_rate.den, info.frame_rate.num};
-        rescale_pts_ = true;
-    }
     if (info.aspect.num > 0 && info.aspect.den > 0) encoder_->sample_aspect_ratio = {info.aspect.num, info.aspect.den};
     encoder_->color_range = AVCOL_RANGE_MPEG;
     if (audio_from_ != nullptr) {
@@ -451,16 +472,15 @@ void VideoWriter::write(const Picture& picture) {
     } else {
         scale_into(p, encoder_->pix_fmt, false, p.width, p.height, frame_->data, frame_->linesize);
     }
-    int64_t pts = p.pts;
-    if (rescale_pts_) pts = av_rescale_q(pts, {info_.time_base.num, info_.time_base.den}, encoder_->time_base);
+    int64_t pts = av_rescale_q(p.pts, {info_.time_base.num, info_.time_base.den}, encoder_->time_base);
     if (pts <= last_pts_) pts = last_pts_ + 1;
     last_pts_ = pts;
     frame_->pts = pts;
     if ((r = avcodec_send_frame(encoder_, frame_)) < 0) throw file_error(name_, "the encoder failed: " + av_error(r));
-    drain(false);
+    drain();
 }
 
-void VideoWriter::drain(bool flushing) {
+void VideoWriter::drain() {
     for (;;) {
         const int r = avcodec_receive_packet(encoder_, packet_);
         if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return;
@@ -470,13 +490,12 @@ void VideoWriter::drain(bool flushing) {
         const int w = av_interleaved_write_frame(format_, packet_);
         if (w < 0) throw file_error(name_, "cannot write video: " + av_error(w));
     }
-    (void)flushing;
 }
 
 void VideoWriter::finish() {
     int r = avcodec_send_frame(encoder_, nullptr);
     if (r < 0) throw file_error(name_, "the encoder failed: " + av_error(r));
-    drain(true);
+    drain();
     if ((r = av_write_trailer(format_)) < 0) throw file_error(name_, "cannot finish the container: " + av_error(r));
     if (format_->pb != nullptr && (r = avio_closep(&format_->pb)) < 0)
         throw file_error(name_, "write failed: " + av_error(r));

@@ -37,6 +37,8 @@ public:
     int colour_space() const;
 
 private:
+    void open(const std::string& path, std::optional<Rational> still_rate);
+    void release();
     void to_picture(const AVFrame* frame, Picture& picture);
 
     AVFormatContext* format_ = nullptr;
@@ -77,7 +79,8 @@ public:
     std::string encoder_name() const;
 
 private:
-    void drain(bool flushing);
+    void open(bool quiet);
+    void drain();
     void close();
 
     OutputFile& out_;
@@ -93,7 +96,6 @@ private:
     std::vector<const AVStream*> audio_in_;
     AvSource* audio_from_ = nullptr;
     int64_t last_pts_ = -1;
-    bool rescale_pts_ = false;
     bool finished_ = false;
 };
 

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <memory>
 #include <qimra/qimra.hpp>
 #include <string>
 #include <vector>
@@ -39,6 +41,14 @@ struct Picture {
 
 // The same frame in another 4:2:0 layout.
 void convert_layout(const Picture& in, ColourFormat to, Picture& out);
+
+// An input file owned by its reader; standard input is never closed.
+struct FileCloser {
+    void operator()(FILE* f) const {
+        if (f != nullptr && f != stdin) fclose(f);
+    }
+};
+using InputFile = std::unique_ptr<FILE, FileCloser>;
 
 struct StreamInfo {
     int width = 0;

@@ -51,19 +51,15 @@ RawReader::RawReader(FILE* in, const std::string& name, long long file_size, int
     }
 }
 
-RawReader::~RawReader() {
-    if (in_ != stdin) fclose(in_);
-}
-
 bool RawReader::read(Picture& picture) {
     picture.reset(info_.width, info_.height, info_.format);
     picture.pts = frames_read_;
-    const size_t got = fread(picture.bytes.data(), 1, picture.bytes.size(), in_);
+    const size_t got = fread(picture.bytes.data(), 1, picture.bytes.size(), in_.get());
     if (got == picture.bytes.size()) {
         ++frames_read_;
         return true;
     }
-    if (ferror(in_)) throw file_error(name_, std::string("read failed: ") + strerror(errno));
+    if (ferror(in_.get())) throw file_error(name_, std::string("read failed: ") + strerror(errno));
     if (got != 0)
         truncation_ = "frame " + std::to_string(frames_read_) + " is truncated (" + std::to_string(got) + " of " +
                       std::to_string(picture.bytes.size()) + " bytes)";

@@ -20,11 +20,10 @@ public:
     // fill the file exactly.
     RawReader(FILE* in, const std::string& name, long long file_size, int width, int height, ColourFormat format,
               Rational frame_rate);
-    ~RawReader() override;
     bool read(Picture& picture) override;
 
 private:
-    FILE* in_;
+    InputFile in_;
     int64_t frames_read_ = 0;
 };
 

@@ -115,7 +115,7 @@ std::string format_y4m_header(const StreamInfo& info) {
 Y4mReader::Y4mReader(FILE* in, const std::string& name, long long file_size) : in_(in) {
     name_ = name;
     std::string line;
-    if (!read_line(in_, line, kMaxHeaderLine)) {
+    if (!read_line(in_.get(), line, kMaxHeaderLine)) {
         if (line.compare(0, strlen(kMagic), kMagic) != 0 && line.size() >= strlen(kMagic))
             throw file_error(name_, "not a Y4M stream (it does not start with YUV4MPEG2)");
         throw file_error(name_, line.empty() ? "empty input: no Y4M header"
@@ -136,15 +136,11 @@ Y4mReader::Y4mReader(FILE* in, const std::string& name, long long file_size) : i
     }
 }
 
-Y4mReader::~Y4mReader() {
-    if (in_ != stdin) fclose(in_);
-}
-
 bool Y4mReader::read(Picture& picture) {
     std::string line;
-    const bool whole = read_line(in_, line, kMaxHeaderLine);
-    if (!whole && line.empty() && feof(in_)) return false;
-    if (ferror(in_)) throw file_error(name_, std::string("read failed: ") + strerror(errno));
+    const bool whole = read_line(in_.get(), line, kMaxHeaderLine);
+    if (!whole && line.empty() && feof(in_.get())) return false;
+    if (ferror(in_.get())) throw file_error(name_, std::string("read failed: ") + strerror(errno));
     if (line.compare(0, 5, "FRAME") != 0 || (line.size() > 5 && line[5] != ' ')) {
         if (!whole && std::string("FRAME").compare(0, line.size(), line) == 0) {
             truncation_ = "the input ends inside the header of frame " + std::to_string(frames_read_);
@@ -159,9 +155,9 @@ bool Y4mReader::read(Picture& picture) {
     }
     picture.reset(info_.width, info_.height, ColourFormat::i420);
     picture.pts = frames_read_;
-    const size_t got = fread(picture.bytes.data(), 1, picture.bytes.size(), in_);
+    const size_t got = fread(picture.bytes.data(), 1, picture.bytes.size(), in_.get());
     if (got != picture.bytes.size()) {
-        if (ferror(in_)) throw file_error(name_, std::string("read failed: ") + strerror(errno));
+        if (ferror(in_.get())) throw file_error(name_, std::string("read failed: ") + strerror(errno));
         truncation_ = "frame " + std::to_string(frames_read_) + " is truncated (" + std::to_string(got) + " of " +
                       std::to_string(picture.bytes.size()) + " bytes)";
         return false;

@@ -29,11 +29,10 @@ public:
     // Takes ownership of `in`. `file_size` (-1 when unknown) gives the
     // expected frame count.
     Y4mReader(FILE* in, const std::string& name, long long file_size);
-    ~Y4mReader() override;
     bool read(Picture& picture) override;
 
 private:
-    FILE* in_;
+    InputFile in_;
     int64_t frames_read_ = 0;
 };
 

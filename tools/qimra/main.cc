@@ -1,0 +1,158 @@
+// qimra: the command-line tool. `enhance` runs every frame of a picture,
+// stream or video file through the engine; `compare` draws one frame before
+// and after.
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+#include "av_media.h"
+#include "cli.h"
+#include "compare_image.h"
+#include "error.h"
+#include "media.h"
+#include "output_file.h"
+#include "progress.h"
+#include "trace.h"
+
+#ifndef QIMRA_VERSION
+#define QIMRA_VERSION "unknown"
+#endif
+
+namespace qimra::tool {
+namespace {
+
+// The engine, created and destroyed with the library's own messages kept
+// off the terminal.
+class QuietEngine {
+public:
+    QuietEngine(const StreamInfo& info, const Options& o) : verbose_(o.verbose) {
+        LibraryMessages quiet(verbose_);
+        engine_.emplace(info.width, info.height, o.gamma, static_cast<Mode>(o.mode), info.format);
+    }
+    ~QuietEngine() {
+        LibraryMessages quiet(verbose_);
+        engine_.reset();
+    }
+    Engine* operator->() { return &*engine_; }
+
+private:
+    bool verbose_;
+    std::optional<Engine> engine_;
+};
+
+void write_text_file(const std::string& path, const std::string& text) {
+    OutputFile out(path);
+    if (fwrite(text.data(), 1, text.size(), out.stream()) != text.size())
+        throw file_error(path, std::string("write failed: ") + strerror(errno));
+    out.commit();
+}
+
+std::string plural(int64_t n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
+int run_enhance(const Options& o) {
+    if (o.output == "-") reserve_stdout_for_data();
+    output_kind(o.output, o.media);  // an unknown output extension fails before any work
+    std::unique_ptr<FrameSource> source = open_source(o.input, o.media);
+    const StreamInfo& info = source->info();
+    OutputFile out(o.output);
+    std::unique_ptr<FrameSink> sink = open_sink(out, o.output, o.media, info, source.get());
+    std::optional<OutputFile> trace_out, plot_out;
+    QuietEngine engine(info, o);
+
+    Progress progress(!o.media.quiet && isatty(STDERR_FILENO) && info.frame_count != 1, info.frame_count);
+    std::vector<FrameReport> reports;
+    Picture picture;
+    int64_t frames = 0;
+    while (source->read(picture)) {
+        engine->process(picture.view());
+        sink->write(picture);
+        reports.push_back(engine->report());
+        progress.update(++frames);
+    }
+    progress.finish(frames);
+    if (frames == 0)
+        throw file_error(o.input, source->truncation().empty() ? "holds no frames" : source->truncation());
+    sink->finish();
+    sink.reset();
+    out.commit();
+    if (!o.trace.empty()) write_text_file(o.trace, trace_csv(reports));
+    if (!o.plot.empty()) write_text_file(o.plot, trace_svg(reports, "qimra enhance " + o.input + " (mode " +
+                                                                       std::to_string(o.mode) + ")"));
+    if (!source->truncation().empty())
+        throw file_error(o.input, source->truncation() + "; the " + plural(frames, "complete frame") +
+                                      " before it were written",
+                         kExitTruncated);
+    return kExitOk;
+}
+
+int run_compare(const Options& o) {
+    const size_t dot = o.output.find_last_of('.');
+    if (o.output == "-" || dot == std::string::npos || o.output.substr(dot) != ".png")
+        throw ToolError(o.output + ": compare writes a .png picture", kExitUsage);
+    std::unique_ptr<FrameSource> source = open_source(o.input, o.media);
+    QuietEngine engine(source->info(), o);
+    Picture before, after;
+    int64_t index = 0;
+    bool found = false;
+    while (source->read(before)) {
+        after.reset(before.width, before.height, before.format);
+        engine->process(before.view(), after.view());
+        if (index == o.frame) {
+            found = true;
+            break;
+        }
+        ++index;
+    }
+    if (!found)
+        throw file_error(o.input, "has " + plural(index, "frame") + "; --frame " + std::to_string(o.frame) +
+                                      " is past its end" +
+                                      (source->truncation().empty() ? "" : " (" + source->truncation() + ")"));
+    const Canvas canvas = compose_compare(before, after, engine->report());
+    write_text_file(o.output, [&] {
+        const std::vector<uint8_t> png = encode_png(canvas.rgb.data(), canvas.width, canvas.height);
+        return std::string(png.begin(), png.end());
+    }());
+    return kExitOk;
+}
+
+int run(int argc, const char* const* argv) {
+    const Options o = parse_command_line(argc, argv);
+    if (o.version) {
+        printf("qimra %s\n", QIMRA_VERSION);
+        return kExitOk;
+    }
+    if (o.help) {
+        fputs(help_text(o.command), stdout);
+        return kExitOk;
+    }
+    set_av_log_level(o.verbose);
+    return o.command == "enhance" ? run_enhance(o) : run_compare(o);
+}
+
+}  // namespace
+}  // namespace qimra::tool
+
+int main(int argc, char** argv) {
+    // A closed pipe on standard output is reported as a write error.
+    signal(SIGPIPE, SIG_IGN);
+    using namespace qimra::tool;
+    try {
+        return run(argc, argv);
+    } catch (const ToolError& e) {
+        fprintf(stderr, "qimra: %s\n", e.what());
+        return e.code();
+    } catch (const qimra::Error& e) {
+        // The C++ layer's messages already begin with "qimra: ".
+        fprintf(stderr, "%s\n", e.what());
+        return kExitError;
+    } catch (const std::bad_alloc&) {
+        fprintf(stderr, "qimra: out of memory\n");
+        return kExitError;
+    } catch (const std::exception& e) {
+        fprintf(stderr, "qimra: %s\n", e.what());
+        return kExitError;
+    }
+}
