@@ -153,9 +153,11 @@ const uint8_t* begin_of(const BasicPlane<T>& p) {
     return p.data.data();
 }
 
-// Bytes a plane of `rows` rows of `row_bytes` needs at its stride.
-inline std::size_t plane_extent(std::ptrdiff_t stride, int rows, int row_bytes) {
-    return static_cast<std::size_t>(stride) * static_cast<std::size_t>(rows - 1) + static_cast<std::size_t>(row_bytes);
+// Bytes a plane of `rows` rows of `row_bytes` needs at its stride (in 64
+// bits, so that no stride can wrap it on a 32-bit target).
+inline unsigned long long plane_extent(std::ptrdiff_t stride, int rows, int row_bytes) {
+    return static_cast<unsigned long long>(stride) * static_cast<unsigned long long>(rows - 1) +
+           static_cast<unsigned long long>(row_bytes);
 }
 
 template <class T>
@@ -167,10 +169,14 @@ void check_plane(const char* frame, const char* plane, const BasicPlane<T>& p, i
     if (p.stride < row_bytes)
         throw Error(name + " stride " + std::to_string(p.stride) + " is less than its row of " +
                     std::to_string(row_bytes) + " bytes; the stride must be at least " + std::to_string(row_bytes));
-    const std::size_t need = plane_extent(p.stride, rows, row_bytes);
-    if (p.data.size() < need)
+    // A stride longer than the whole span cannot hold two rows; past that
+    // check the extent cannot overflow.
+    const bool bounded = rows < 2 || static_cast<unsigned long long>(p.stride) <= p.data.size();
+    const unsigned long long need = bounded ? plane_extent(p.stride, rows, row_bytes) : 0;
+    if (!bounded || p.data.size() < need)
         throw Error(name + " holds " + std::to_string(p.data.size()) + " bytes; " + std::to_string(rows) +
-                    " rows at stride " + std::to_string(p.stride) + " need " + std::to_string(need));
+                    " rows at stride " + std::to_string(p.stride) + " need " +
+                    (bounded ? std::to_string(need) : std::string("more than that")));
 }
 
 struct Range {
@@ -180,8 +186,9 @@ struct Range {
 
 template <class T>
 Range range_of(const BasicPlane<T>& p, int rows, int row_bytes) {
+    // Checked planes lie within their spans, so the end fits in an address.
     const auto b = reinterpret_cast<uintptr_t>(p.data.data());
-    return {b, b + plane_extent(p.stride, rows, row_bytes)};
+    return {b, b + static_cast<uintptr_t>(plane_extent(p.stride, rows, row_bytes))};
 }
 
 inline bool overlap(Range a, Range b) { return a.begin < b.end && b.begin < a.end; }

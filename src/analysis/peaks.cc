@@ -65,9 +65,9 @@ const peak_descr* dominant_peak(const peak_descr* peaks, const int* order, int n
     return strongest(peaks, order, n, [](int) { return true; });
 }
 
-// Mean, spread and mass of the dominant peak over [L, R). L < R always holds
-// here (the valley scans start beside the peak), but an empty range would
-// give 0/0 and a mass of 0, which the decision tolerates.
+// Mean, spread and mass of the dominant peak over [L, R). The valley scans
+// start beside the peak, so L < p < R and the range holds the peak itself;
+// the plain float division keeps any degenerate range a NaN, not a trap.
 void dominant_moments(const SmoothedHist& s, const peak_descr* d, float inv, feature_vect* out) {
     if (d == nullptr) {
         out->peak_mean = out->peak_std = out->peak_mass = 0.0f;

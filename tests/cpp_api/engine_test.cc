@@ -196,6 +196,14 @@ TEST(CppApiValidation, PlanesShorterThanTheirRowsAreRefused) {
         [&] {
             Engine e(64, 64);
             auto in = packed_frame(std::span<const uint8_t>(b.in), 64, 64, ColourFormat::i420);
+            in.y.stride = std::numeric_limits<std::ptrdiff_t>::max() / 8;  // the extent must not wrap
+            e.process(in, packed_frame(std::span<uint8_t>(b.out), 64, 64, ColourFormat::i420));
+        },
+        {"input luma plane holds 4096 bytes"});
+    expect_error(
+        [&] {
+            Engine e(64, 64);
+            auto in = packed_frame(std::span<const uint8_t>(b.in), 64, 64, ColourFormat::i420);
             in.c1 = {};
             e.process(in, packed_frame(std::span<uint8_t>(b.out), 64, 64, ColourFormat::i420));
         },

@@ -42,11 +42,12 @@ TEST(ScaleYVariantsQuarter, BlocksMatchTheTableAndLeftoversStayUntouched) {
             const int rows = h / 4 * 4;
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < w; ++x) {
-                    const uint16_t e = t.entry(src[size_t(y) * w + x], base[size_t(y / 4) * (w / 4) + x / 4]);
-                    ASSERT_EQ(dst[size_t(y) * w + x], y < rows ? (e & 0xFF) : 0x3C) << w << "x" << h << " " << x << "," << y;
+                    const bool inside = y < rows;
+                    const uint16_t e =
+                        inside ? t.entry(src[size_t(y) * w + x], base[size_t(y / 4) * (w / 4) + x / 4]) : 0xC33C;
+                    ASSERT_EQ(dst[size_t(y) * w + x], e & 0xFF) << w << "x" << h << " " << x << "," << y;
                     if (x % 2 == 0 && y % 2 == 0 && y / 2 < h / 2) {
-                        ASSERT_EQ(gain[size_t(y / 2) * (w / 2) + x / 2], y < rows ? (e >> 8) : 0xC3)
-                            << w << "x" << h << " gain " << x << "," << y;
+                        ASSERT_EQ(gain[size_t(y / 2) * (w / 2) + x / 2], e >> 8) << w << "x" << h << " gain " << x << "," << y;
                     }
                 }
         }
@@ -143,10 +144,14 @@ TEST(ScaleYVariantsYuv12, LumaGainAndChromaFollowTheBlockWalk) {
                                   uv.data() + 1, out_uv.data(), out_uv.data() + 1);
             for (int y = 0; y < h; ++y)
                 for (int x = 0; x < w; ++x) {
+                    if (y >= 2 * bh) {
+                        ASSERT_EQ(dst[size_t(y) * w + x], 0x3C) << w << "x" << h << " leftover row";
+                        continue;
+                    }
                     const uint8_t b = base[size_t(y / 2) * bw + x / 2];
                     const uint16_t e = t.entry(src[size_t(y) * w + x], b);
-                    ASSERT_EQ(dst[size_t(y) * w + x], y < 2 * bh ? (e & 0xFF) : 0x3C) << w << "x" << h << " " << x << "," << y;
-                    if (x % 2 == 0 && y % 2 == 0 && y < 2 * bh) {
+                    ASSERT_EQ(dst[size_t(y) * w + x], e & 0xFF) << w << "x" << h << " " << x << "," << y;
+                    if (x % 2 == 0 && y % 2 == 0) {
                         ASSERT_EQ(gain[size_t(y / 2) * bw + x / 2], e >> 8);
                         const uint8_t g = uint8_t(t.entry(src[size_t(y + 1) * w + x + 1], b) >> 8);
                         const size_t k = size_t(y / 2) * (2 * bw) + x;

@@ -139,17 +139,5 @@ TEST(Downscale4Frame, DestinationStridePlacesOnlyTheFirstRowOfACore) {
     }
 }
 
-TEST(Downscale4Frame, InPlaceEqualsSeparateBuffers) {
-    Image im(640, 96, 640, 17);
-    const std::vector<uint8_t> want = reference(im);
-    for (int32_t core = 0; core < 2; ++core) {
-        qimra_job job = job_for(core, im, im.px.data(), 160);
-        ReSizeImage_downscale4_mc(&job);
-    }
-    // Core 1's rows come after core 0's output, which overwrote the
-    // beginning of the image but none of the rows core 1 reads.
-    EXPECT_TRUE(std::equal(want.begin(), want.end(), im.px.begin()));
-}
-
 }  // namespace
 }  // namespace qimra::test
