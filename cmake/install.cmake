@@ -51,5 +51,6 @@ if(QIMRA_BUILD_TESTS AND NOT CMAKE_CROSSCOMPILING)
       -DLIBDIR=${CMAKE_INSTALL_LIBDIR}
       -DWITH_TOOL=$<TARGET_EXISTS:qimra_cli>
       -P ${CMAKE_CURRENT_LIST_DIR}/package-test/run.cmake)
-  set_tests_properties(Package.ConsumersBuildAgainstTheInstalledTree PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE)
+  set_tests_properties(Package.ConsumersBuildAgainstTheInstalledTree PROPERTIES TIMEOUT 300 RUN_SERIAL TRUE
+    ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
 endif()

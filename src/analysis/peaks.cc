@@ -42,8 +42,9 @@ bool walk_to_level(const SmoothedHist& s, int from, int step, int last, int32_t 
     return true;
 }
 
-// Index of the smallest count from `from` up to (not including) `limit`.
-// The strict comparison keeps, of equal minima, the one nearest the peak.
+// Index of the smallest count from the peak's own bin `from` up to (not
+// including) `limit`. The strict comparison keeps, of equal minima, the one
+// nearest the peak, and the peak itself when nothing on that side is lower.
 int valley(const SmoothedHist& s, int from, int limit, int step) {
     int best = from;
     for (int i = from + step; i != limit; i += step)
@@ -65,9 +66,9 @@ const peak_descr* dominant_peak(const peak_descr* peaks, const int* order, int n
     return strongest(peaks, order, n, [](int) { return true; });
 }
 
-// Mean, spread and mass of the dominant peak over [L, R). The valley scans
-// start beside the peak, so L < p < R and the range holds the peak itself;
-// the plain float division keeps any degenerate range a NaN, not a trap.
+// Mean, spread and mass of the dominant peak over [L, R). A peak on a flat
+// top has R = p (or L = p), and the range may hold no count at all: its mean
+// and spread are then 0/0, NaN, and its mass 0, which the decision tolerates.
 void dominant_moments(const SmoothedHist& s, const peak_descr* d, float inv, feature_vect* out) {
     if (d == nullptr) {
         out->peak_mean = out->peak_std = out->peak_mass = 0.0f;
@@ -105,7 +106,8 @@ float peak_ratio_log(const peak_descr* peaks, const int* order, int n) {
 
 // Slopes of the strongest dark-half peak down to its two valleys, as shares
 // of all pixels per bin, combined in the log domain and weighted by how far
-// the peak lies below 128.
+// the peak lies below 128. A valley on the peak itself (a flat top) makes the
+// slope 0/0 and the weight NaN, which the feature sort tolerates.
 float position_weight(const SmoothedHist& s, const peak_descr* peaks, const int* order, int n, int32_t total) {
     const peak_descr* d = strongest(peaks, order, n, [](int p) { return p < 128; });
     if (d == nullptr) return 0.0f;
@@ -219,13 +221,12 @@ void set_inner_bounds(const SmoothedHist& s, peak_descr* peaks, const int* order
     }
 }
 
-// The scans run between the peak's neighbouring bins and the neighbour
-// peak's bin, both excluded; without a neighbour they run to the end of the
+// Each scan starts on the peak's own bin and runs up to the neighbouring
+// valid peak's bin, excluded; without a neighbour it runs to the end of the
 // smoothed array, guard entries included, so that an edge peak's valley can
 // lie in the tail that smoothing spreads beyond bin 0 or 255. Whether the
 // neighbour's own bin took part would make no difference: a peak is at least
-// the bin beside it, which the scan reaches first. Starting beside the peak
-// keeps L < p < R, so no slope or mean below divides by zero.
+// the bin beside it, which the scan reaches first.
 void set_outer_bounds(const SmoothedHist& s, peak_descr* peaks, int n) {
     int left_limit = kSmoothFirst - 1;
     for (int k = 0; k < n; ++k) {
@@ -237,8 +238,8 @@ void set_outer_bounds(const SmoothedHist& s, peak_descr* peaks, int n) {
                 right_limit = peaks[j].pos;
                 break;
             }
-        p.left = valley(s, p.pos - 1, left_limit, -1);
-        p.right = valley(s, p.pos + 1, right_limit, +1);
+        p.left = valley(s, p.pos, left_limit, -1);
+        p.right = valley(s, p.pos, right_limit, +1);
         left_limit = p.pos;
     }
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 
 #include "simd/neon.h"
@@ -15,6 +16,14 @@ namespace qimra {
 // variance of values normalised to 0..1.
 constexpr float kInvSquared255 = std::bit_cast<float>(0x37810182u);
 static_assert(kInvSquared255 == 1.0f / 65025.0f);
+
+// Sum over the window whose table corners start at top: bottom-right +
+// top-left - bottom-left - top-right, modulo 2^32. Exact for windows of up
+// to 17 x 17 even where the square table has wrapped.
+inline uint32_t window_sum(const uint32_t* top, ptrdiff_t below, int32_t side) {
+    const uint32_t* bottom = top + below;
+    return bottom[side] + top[0] - bottom[0] - top[side];
+}
 
 // Per-pixel form: columns [first_column, width) of every row, then the 4 zero
 // bytes after the image that the vector form's last group store leaves.

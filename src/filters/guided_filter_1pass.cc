@@ -5,6 +5,7 @@
 #include "filters/guided_filter.h"
 #include "qimra/qimra.h"
 #include "simd/convert.h"
+#include "simd/ftz.h"
 #include "simd/recpe.h"
 
 namespace qimra {
@@ -15,17 +16,10 @@ namespace {
 // about 2^69 (a, a * mean and I * a turn denormal) and never change an output
 // byte there, but the per-pixel form mirrors the unit so that its values are
 // the vector form's on ARM.
-inline float flush(float v) { return std::fabs(v) < FLT_MIN ? std::copysign(0.0f, v) : v; }
-inline float mul(float a, float b) { return flush(flush(a) * flush(b)); }
-inline float add(float a, float b) { return flush(flush(a) + flush(b)); }
-inline float sub(float a, float b) { return flush(flush(a) - flush(b)); }
+inline float mul(float a, float b) { return ftz_mul(a, b); }
+inline float add(float a, float b) { return ftz_add(a, b); }
+inline float sub(float a, float b) { return ftz_sub(a, b); }
 
-// Sum over the window whose table corners start at top (row y, column x):
-// bottom-right + top-left - bottom-left - top-right, modulo 2^32.
-inline uint32_t window_sum(const uint32_t* top, ptrdiff_t below, int32_t side) {
-    const uint32_t* bottom = top + below;
-    return bottom[side] + top[0] - bottom[0] - top[side];
-}
 
 }  // namespace
 

@@ -9,6 +9,7 @@
 #include "qimra/qimra.h"
 #include "simd/convert.h"
 #include "simd/recpe.h"
+#include "simd/ftz.h"
 #include "simd/recps.h"
 
 namespace qimra {
@@ -18,15 +19,10 @@ namespace {
 // denormal operands and results as zero; the per-pixel form does the same so
 // that its coefficients are the vector form's. (Denormals need an eps beyond
 // about 2^69 and never change an output byte.)
-inline float mul(float a, float b) { return flush_denormal(flush_denormal(a) * flush_denormal(b)); }
-inline float add(float a, float b) { return flush_denormal(flush_denormal(a) + flush_denormal(b)); }
-inline float sub(float a, float b) { return flush_denormal(flush_denormal(a) - flush_denormal(b)); }
+inline float mul(float a, float b) { return ftz_mul(a, b); }
+inline float add(float a, float b) { return ftz_add(a, b); }
+inline float sub(float a, float b) { return ftz_sub(a, b); }
 
-// Four-corner difference modulo 2^32: exact for any window of up to 17 x 17.
-inline uint32_t window_sum(const uint32_t* top, ptrdiff_t below, int32_t side) {
-    const uint32_t* bottom = top + below;
-    return bottom[side] + top[0] - bottom[0] - top[side];
-}
 
 }  // namespace
 

@@ -10,12 +10,10 @@
 #include <cmath>
 #include <cstdint>
 
+#include "simd/ftz.h"
 #include "simd/neon.h"
 
 namespace qimra {
-
-// A denormal as the Advanced SIMD unit sees it: zero of the same sign.
-inline float flush_denormal(float v) { return std::fabs(v) < FLT_MIN ? std::copysign(0.0f, v) : v; }
 
 inline float recps_f32(float a, float b) {
     a = flush_denormal(a);

@@ -149,7 +149,9 @@ TEST(PeaksBounds, ValleysKeepTheNearestMinimumAndReachTheGuards) {
 }
 
 // All pixels in one bin b: the smoothed plateau b-3..b+3 holds three equal
-// peaks (b-3, b, b+3), and the dominant one is the first, b-3.
+// peaks (b-3, b, b+3). The dominant one, b-3, has its right valley on itself
+// (nothing between it and b is lower), so its range [b-4, b-3) holds only a
+// zero count.
 TEST(PeaksFeatures, SingleBinHistogram) {
     Hist h{};
     h[100] = 8192;  // plateau height trunc(8195 / 7) = 1170
@@ -160,12 +162,12 @@ TEST(PeaksFeatures, SingleBinHistogram) {
     EXPECT_EQ(f.band_bright, 0.0f);
     EXPECT_EQ(f.hist_mean, 100.0f);
     EXPECT_EQ(f.hist_std, 0.0f);
-    EXPECT_EQ(f.peak_mean, 97.0f);
-    EXPECT_EQ(f.peak_std, 0.0f);
-    EXPECT_EQ(f.peak_mass, 1170.0f / 8192.0f);
+    EXPECT_TRUE(std::isnan(f.peak_mean));
+    EXPECT_TRUE(std::isnan(f.peak_std));
+    EXPECT_EQ(f.peak_mass, 0.0f);
     EXPECT_EQ(f.peak_ratio_log, static_cast<float>(std::log(0.01f)));
-    // The dark-half peak's right valley lies on the plateau: a zero slope.
-    EXPECT_EQ(f.posn_wt, -INFINITY);
+    // The same flat top gives the dark-half peak a right slope of 0/0.
+    EXPECT_TRUE(std::isnan(f.posn_wt));
     EXPECT_EQ(f.valley_mass, 1.0f);
     EXPECT_EQ(f.dark_peak_level, 0.0f);
     EXPECT_EQ(f.deep_dark, 0.0f);
@@ -246,9 +248,9 @@ TEST(PeaksFeatures, ValleyMassBetweenDarkAndBrightPeaks) {
     Hist h{};
     h[40] = 500;
     h[220] = 500;
-    // From the dark plateau's first valley (38) to the bright one's (216):
-    // six entries of 71 remain on the dark plateau.
-    EXPECT_EQ(locate(h).valley_mass, 426.0f / 1000.0f);
+    // From the dark peak at 37, whose flat top is its own right valley, to
+    // the bright one's left valley at 216: the dark plateau's 7 x 71.
+    EXPECT_EQ(locate(h).valley_mass, 497.0f / 1000.0f);
 }
 
 TEST(PeaksFeatures, ValleysPastTheHistogramEndsLeaveNoMass) {

@@ -53,21 +53,6 @@ TEST(ScaleYVariantsQuarter, BlocksMatchTheTableAndLeftoversStayUntouched) {
         }
 }
 
-TEST(ScaleYVariantsQuarter, BaseValuesPairUp) {
-    TableCtx t;
-    const int w = 16, h = 8;
-    const auto src = random_bytes(size_t(w) * h, 3);
-    auto even = random_bytes(size_t(w / 4) * (h / 4), 4);
-    for (uint8_t& b : even) b &= 0xFE;
-    auto odd = even;
-    for (uint8_t& b : odd) b |= 1;
-    std::vector<uint8_t> d0(src.size()), d1(src.size()), g0(size_t(w / 2) * (h / 2)), g1(g0.size());
-    blc_scale_y(src.data(), w, d0.data(), w, even.data(), g0.data(), w, h, t.c.get());
-    blc_scale_y(src.data(), w, d1.data(), w, odd.data(), g1.data(), w, h, t.c.get());
-    EXPECT_EQ(d0, d1);
-    EXPECT_EQ(g0, g1);
-}
-
 TEST(ScaleYVariantsQuarter, BlockRowsAdvanceByTheRoundedWidth) {
     // Width 10 with strides 10: block row i starts at 38 * i (8 rounded
     // columns plus three strides), not at 40 * i, so beyond the first block

@@ -14,7 +14,7 @@ namespace {
 // A stream in a temporary file, rewound for reading.
 FILE* stream_of(const std::string& bytes) {
     FILE* f = tmpfile();
-    fwrite(bytes.data(), 1, bytes.size(), f);
+    if (!bytes.empty()) fwrite(bytes.data(), 1, bytes.size(), f);
     rewind(f);
     return f;
 }
