@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.21)
 # The shared library exports exactly the functions that the public header
 # declares: nothing internal leaks, nothing declared is missing.
 execute_process(COMMAND ${NM} -D --defined-only ${LIB} OUTPUT_VARIABLE nm_out RESULT_VARIABLE nm_rc)
@@ -13,6 +14,7 @@ foreach(line IN LISTS nm_lines)
 endforeach()
 
 file(READ ${HEADER} header)
+string(REGEX REPLACE "#define QIMRA_API[^\n]*" "" header "${header}")
 string(REGEX MATCHALL "QIMRA_API[^;(]*[ *]([A-Za-z_][A-Za-z0-9_]*)[ ]*\\(" decls "${header}")
 set(declared "")
 foreach(decl IN LISTS decls)
