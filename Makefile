@@ -22,6 +22,13 @@ media: setup
 demo:
 	@scripts/demo
 
+# Benchmarks: medians per frame and per stage, with the ratio to a cold frame
+# copy; the JSON report is kept in out/bench/ for comparisons.
+bench: build media
+	@cmake --build --preset host -j $(JOBS) --target qimra-bench
+	@mkdir -p out/bench
+	@build/host/bench/qimra-bench --benchmark_out=out/bench/qimra-bench.json --benchmark_out_format=json
+
 test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done
 
