@@ -2,9 +2,10 @@
 # on each (x86-64, address+undefined sanitizers, thread sanitizer, ARMv7 NEON
 # under qemu-arm).
 TEST_PRESETS ?= host host-asan host-tsan armhf
+ALL_PRESETS := host host-scalar host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media demo test $(addprefix test-,$(TEST_PRESETS) host-scalar) clean
+.PHONY: all build setup media demo bench test $(addprefix test-,$(ALL_PRESETS)) clean
 
 all: build
 
@@ -32,7 +33,8 @@ bench: build media
 test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done
 
-test-%:
+# A static pattern rule: make skips implicit rules for phony targets.
+$(addprefix test-,$(ALL_PRESETS)): test-%:
 	@echo "== $* =="
 	@cmake --preset $* >/dev/null
 	@cmake --build --preset $* -j $(JOBS)
