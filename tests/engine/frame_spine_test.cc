@@ -65,14 +65,16 @@ TEST(JobProtocol, BothHalvesAreDoneWhenTheStageReturns) {
     }
 }
 
+// One frame's CDS update with the request registered as given; the state after it.
+int32_t step(bool request) {
+    global_cds_params[0] = request ? 1 : 0;
+    global_cds_params[1] = 1;
+    update_cds_state();
+    return prev_cds_flag;
+}
+
 TEST(CdsHysteresis, SwitchesOnAndOffAtTheThirdFrame) {
     reset_globals();
-    auto step = [](bool request) {
-        global_cds_params[0] = request ? 1 : 0;
-        global_cds_params[1] = 1;
-        update_cds_state();
-        return prev_cds_flag;
-    };
     EXPECT_EQ(step(true), 0);
     EXPECT_EQ(step(true), 0);
     EXPECT_EQ(step(true), 1);
@@ -89,12 +91,6 @@ TEST(CdsHysteresis, SwitchesOnAndOffAtTheThirdFrame) {
 
 TEST(CdsHysteresis, CountdownCarriesAcrossAFlipOfTheRequest) {
     reset_globals();
-    auto step = [](bool request) {
-        global_cds_params[0] = request ? 1 : 0;
-        global_cds_params[1] = 1;
-        update_cds_state();
-        return prev_cds_flag;
-    };
     EXPECT_EQ(step(true), 0);  // 3 -> 2
     EXPECT_EQ(step(true), 0);  // 2 -> 1
     EXPECT_EQ(step(false), 0);  // off without request: countdown kept at 1
