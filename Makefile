@@ -5,7 +5,7 @@ TEST_PRESETS ?= host host-asan host-tsan armhf
 ALL_PRESETS := host host-scalar host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media demo bench test $(addprefix test-,$(ALL_PRESETS)) clean
+.PHONY: all build setup media demo bench bench-instructions test $(addprefix test-,$(ALL_PRESETS)) clean
 
 all: build
 
@@ -30,6 +30,19 @@ bench: build media
 	@mkdir -p out/bench
 	@build/host/bench/qimra-bench --benchmark_out=out/bench/qimra-bench.json --benchmark_out_format=json
 
+# Instructions per 1080p mode-0 frame (both threads), counted by callgrind:
+# a figure that does not jitter, beside the timings of make bench.
+INSTR_FRAMES ?= 2
+bench-instructions: build media
+	@cmake --build --preset host -j $(JOBS) --target qimra-frame-instructions
+	@mkdir -p out/bench
+	@frames=$$(valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file=out/bench/callgrind.out \
+	    --log-file=out/bench/callgrind.log build/host/bench/qimra-frame-instructions \
+	    .cache/media/yuv/path_1920x1080.yuv 1920 1080 $(INSTR_FRAMES) 2>/dev/null | tail -n 1) && \
+	  total=$$(sed -n 's/^totals: *\([0-9]*\).*/\1/p' out/bench/callgrind.out) && \
+	  test -n "$$frames" -a -n "$$total" && \
+	  echo "instructions per 1080p mode-0 frame (callgrind, both threads): $$((total / frames))"
+
 test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done
 
@@ -42,3 +55,15 @@ $(addprefix test-,$(ALL_PRESETS)): test-%:
 
 clean:
 	rm -rf build
+
+# make soak: 10,000 frames per mode at 1280x720 and 1,000 init/teardown
+# cycles, checking memory and reproducibility (minutes; not part of test).
+soak: build media
+	@cmake --build --preset host -j $(JOBS) --target qimra_soak
+	@build/host/tests/qimra_soak
+
+# make fuzz: every libFuzzer target for FUZZ_SECONDS (default 60) each, with
+# the address and undefined-behaviour sanitizers (clang; see fuzz/).
+FUZZ_SECONDS ?= 60
+fuzz: setup media
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) scripts/fuzz

@@ -64,7 +64,9 @@ extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_strid
                                              int width, int height, float*, float*, uint32_t*, uint32_t*) {
     if (width <= 0 || height <= 0) return;
     int32_t done = 0;
-#if QIMRA_HAVE_NEON
+#if QIMRA_GUIDED_FILTER_SSE
+    done = qimra::self_guided_filter_1pass_sse(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
+#elif QIMRA_HAVE_NEON
     done = qimra::self_guided_filter_1pass_neon(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
 #endif
     qimra::self_guided_filter_1pass_c(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, done);

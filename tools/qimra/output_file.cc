@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "error.h"
+#include "interrupt_cleanup.h"
 
 namespace qimra::tool {
 
@@ -49,6 +50,7 @@ OutputFile::OutputFile(std::string target) : target_(std::move(target)) {
     fd_ = mkstemps(name.data(), static_cast<int>(ext.size()));
     if (fd_ < 0) throw file_error(target_, "cannot write there: " + errno_text());
     temp_ = name.data();
+    interrupt_slot_ = remove_on_interrupt(temp_.c_str());
     // mkstemps makes the file private; the result gets the usual permissions.
     const mode_t mask = umask(0);
     umask(mask);
@@ -63,6 +65,7 @@ OutputFile::~OutputFile() {
     if (stream_ != nullptr) fclose(stream_);
     else if (fd_ >= 0) close(fd_);
     if (!committed_ && !temp_.empty()) unlink(temp_.c_str());
+    forget_on_interrupt(interrupt_slot_);
 }
 
 FILE* OutputFile::stream() {
@@ -100,6 +103,8 @@ void OutputFile::commit() {
     if (is_stdout()) return;
     if (rename(temp_.c_str(), target_.c_str()) != 0) throw file_error(target_, "cannot rename into place: " + errno_text());
     committed_ = true;
+    forget_on_interrupt(interrupt_slot_);
+    interrupt_slot_ = -1;
 }
 
 LibraryMessages::LibraryMessages(bool show) {

@@ -36,6 +36,7 @@ private:
     FILE* stream_ = nullptr;
     int fd_ = -1;
     bool committed_ = false;
+    int interrupt_slot_ = -1;  // see interrupt_cleanup.h
 };
 
 // Keeps the library's allocation and log lines off the terminal while an

@@ -1,0 +1,108 @@
+// The tool killed in the middle of a run: an existing target survives
+// untouched (outputs are only ever renamed into place), and an interrupt
+// (SIGINT, SIGTERM) also removes the temporary file. SIGKILL cannot be
+// caught: its temporary file stays behind, the target is still intact.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace qimra::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kTool = QIMRA_TOOL_PATH;
+
+std::string read_file(const fs::path& p) {
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<fs::path> temp_files(const fs::path& dir) {
+    std::vector<fs::path> v;
+    for (const auto& e : fs::directory_iterator(dir))
+        if (e.path().filename().string().find(".qimra-") != std::string::npos) v.push_back(e.path());
+    return v;
+}
+
+class FaultToolKilled : public testing::TestWithParam<int> {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("qimra-kill-" + std::to_string(getpid()) + "-" + std::to_string(GetParam()));
+        fs::remove_all(dir_);
+        fs::create_directories(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+    fs::path dir_;
+};
+
+TEST_P(FaultToolKilled, MidRunLeavesTheTargetIntact) {
+    const int sig = GetParam();
+    const fs::path target = dir_ / "out.y4m";
+    const std::string precious = "an earlier result that must survive\n";
+    std::ofstream(target, std::ios::binary) << precious;
+
+    int in_pipe[2];
+    ASSERT_EQ(pipe(in_pipe), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        dup2(in_pipe[0], 0);
+        close(in_pipe[0]);
+        close(in_pipe[1]);
+        execl(kTool.c_str(), "qimra", "enhance", "-", "-o", target.c_str(), "--quiet", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(in_pipe[0]);
+    // A stream that never ends: the header and enough frames to be written
+    // out, then the tool waits for more.
+    constexpr int kW = 128, kH = 96;
+    std::string stream = "YUV4MPEG2 W128 H96 F25:1 Ip A1:1 C420jpeg\n";
+    for (int f = 0; f < 8; ++f) {
+        stream += "FRAME\n";
+        for (int i = 0; i < kW * kH * 3 / 2; ++i) stream += static_cast<char>((i * 7 + f * 13) & 0xff);
+    }
+    ASSERT_EQ(write(in_pipe[1], stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
+
+    // Wait until the tool has written output into its temporary file (a
+    // deadline only so that a broken tool fails instead of hanging).
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    bool writing = false;
+    while (!writing && std::chrono::steady_clock::now() < deadline) {
+        for (const fs::path& t : temp_files(dir_))
+            if (fs::file_size(t) > 0) writing = true;
+        if (!writing) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(writing) << "the tool never started writing its output";
+
+    ASSERT_EQ(kill(pid, sig), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    close(in_pipe[1]);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "status " << status;
+    EXPECT_EQ(WTERMSIG(status), sig) << "the tool dies of the signal it got";
+
+    EXPECT_EQ(read_file(target), precious) << "the target was touched";
+    const std::vector<fs::path> left = temp_files(dir_);
+    if (sig == SIGKILL) {
+        EXPECT_EQ(left.size(), 1u) << "SIGKILL leaves exactly the temporary file";
+    } else {
+        EXPECT_TRUE(left.empty()) << left.size() << " temporary file(s) left, e.g. " << left.front();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, FaultToolKilled, testing::Values(SIGKILL, SIGINT, SIGTERM),
+                         [](const auto& i) {
+                             return std::string(i.param == SIGKILL ? "SIGKILL" : i.param == SIGINT ? "SIGINT" : "SIGTERM");
+                         });
+
+}  // namespace
+}  // namespace qimra::tool
