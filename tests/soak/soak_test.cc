@@ -195,11 +195,11 @@ TEST_P(Soak, FramesAreReproducibleAndMemoryStaysFlat) {
     ASSERT_EQ(first.sums.size(), static_cast<size_t>(frames));
     ASSERT_EQ(second.sums.size(), static_cast<size_t>(frames));
     int differing = 0, first_diff = -1;
-    for (int n = 0; n < frames; ++n)
-        if (first.sums[n] != second.sums[n]) {
-            if (first_diff < 0) first_diff = n;
-            ++differing;
-        }
+    for (int n = 0; n < frames; ++n) {
+        if (first.sums[n] == second.sums[n]) continue;
+        if (first_diff < 0) first_diff = n;
+        ++differing;
+    }
     EXPECT_EQ(differing, 0) << "first differing frame " << first_diff;
     EXPECT_EQ(first.enhanced, second.enhanced);
     const long growth = first.rss_peak_kib - first.rss_after_warmup_kib;
