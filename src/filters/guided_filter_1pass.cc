@@ -9,20 +9,12 @@
 #include "simd/recpe.h"
 
 namespace qimra {
-namespace {
 
 // The filter's arithmetic is that of the Advanced SIMD unit, which treats
 // denormal operands and results as zero. They arise only for an eps beyond
 // about 2^69 (a, a * mean and I * a turn denormal) and never change an output
 // byte there, but the per-pixel form mirrors the unit so that its values are
 // the vector form's on ARM.
-inline float mul(float a, float b) { return ftz_mul(a, b); }
-inline float add(float a, float b) { return ftz_add(a, b); }
-inline float sub(float a, float b) { return ftz_sub(a, b); }
-
-
-}  // namespace
-
 void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                 int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
                                 int32_t first_column) {
@@ -39,16 +31,16 @@ void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, cons
         for (int32_t x = first_column; x < width; ++x) {
             const uint32_t s = window_sum(sum_row + x, below, side);
             const uint32_t q = window_sum(sq_row + x, below, side);
-            const float mean = mul(static_cast<float>(s), inv_n);
-            const float var = mul(sub(mul(static_cast<float>(q), inv_n), mul(mean, mean)), kInvSquared255);
+            const float mean = ftz_mul(static_cast<float>(s), inv_n);
+            const float var = ftz_mul(ftz_sub(ftz_mul(static_cast<float>(q), inv_n), ftz_mul(mean, mean)), kInvSquared255);
             // The raw estimate, unrefined: its error is part of the output.
-            const float a = mul(recpe_f32(add(var, eps)), var);
-            const float t1 = mul(a, mean);
-            const float t2 = mul(static_cast<float>(in[x]), a);
-            const float t3 = sub(mean, t1);
+            const float a = ftz_mul(recpe_f32(ftz_add(var, eps)), var);
+            const float t1 = ftz_mul(a, mean);
+            const float t2 = ftz_mul(static_cast<float>(in[x]), a);
+            const float t3 = ftz_sub(mean, t1);
             // Truncated and saturated to 32 bits, then cut to 8: 256 and
             // above wrap rather than clamp.
-            out[x] = low_byte_of_u32(add(t2, t3));
+            out[x] = low_byte_of_u32(ftz_add(t2, t3));
         }
     }
     uint8_t* tail = dst + static_cast<ptrdiff_t>(width) * height;

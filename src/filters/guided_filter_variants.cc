@@ -13,33 +13,25 @@
 #include "simd/recps.h"
 
 namespace qimra {
-namespace {
 
 // The first pass is the Advanced SIMD unit's arithmetic, which treats
 // denormal operands and results as zero; the per-pixel form does the same so
 // that its coefficients are the vector form's. (Denormals need an eps beyond
 // about 2^69 and never change an output byte.)
-inline float mul(float a, float b) { return ftz_mul(a, b); }
-inline float add(float a, float b) { return ftz_add(a, b); }
-inline float sub(float a, float b) { return ftz_sub(a, b); }
-
-
-}  // namespace
-
 void guided_2pass_coefficients_c(const PaddedWindows& w, float inv_n, float eps, float* a, float* b, int32_t n) {
     const ptrdiff_t below = w.side * w.stride;
     for (int32_t i = 0; i < n; ++i) {
         const uint32_t s = window_sum(w.sum_top + i, below, w.side);
         const uint32_t q = window_sum(w.sq_top + i, below, w.side);
-        const float mean = mul(static_cast<float>(s), inv_n);
-        const float var = mul(sub(mul(static_cast<float>(q), inv_n), mul(mean, mean)), kInvSquared255);
-        const float d = add(var, eps);
+        const float mean = ftz_mul(static_cast<float>(s), inv_n);
+        const float var = ftz_mul(ftz_sub(ftz_mul(static_cast<float>(q), inv_n), ftz_mul(mean, mean)), kInvSquared255);
+        const float d = ftz_add(var, eps);
         float r = recpe_f32(d);
-        r = mul(r, recps_f32(d, r));
-        r = mul(r, recps_f32(d, r));
-        const float coef = mul(r, var);
+        r = ftz_mul(r, recps_f32(d, r));
+        r = ftz_mul(r, recps_f32(d, r));
+        const float coef = ftz_mul(r, var);
         a[i] = coef;
-        b[i] = sub(mean, mul(coef, mean));
+        b[i] = ftz_sub(mean, ftz_mul(coef, mean));
     }
 }
 
