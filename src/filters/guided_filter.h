@@ -17,6 +17,20 @@ namespace qimra {
 constexpr float kInvSquared255 = std::bit_cast<float>(0x37810182u);
 static_assert(kInvSquared255 == 1.0f / 65025.0f);
 
+// Where the windows of radius r lie in padded tables of a width-pixel image:
+// window side 2r + 1, table row stride width + side, and the distance from a
+// window's top table row to its bottom one.
+struct WindowGeometry {
+    int32_t side;
+    ptrdiff_t table_stride;
+    ptrdiff_t below;
+};
+inline WindowGeometry window_geometry(int32_t width, int32_t radius) {
+    const int32_t side = 2 * radius + 1;
+    const ptrdiff_t table_stride = static_cast<ptrdiff_t>(width) + side;
+    return {side, table_stride, side * table_stride};
+}
+
 // Sum over the window whose table corners start at top: bottom-right +
 // top-left - bottom-left - top-right, modulo 2^32. Exact for windows of up
 // to 17 x 17 even where the square table has wrapped.

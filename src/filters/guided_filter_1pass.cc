@@ -19,9 +19,7 @@ void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, cons
                                 int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
                                 int32_t first_column) {
     if (width <= 0 || height <= 0) return;
-    const int32_t side = 2 * radius + 1;
-    const ptrdiff_t table_stride = static_cast<ptrdiff_t>(width) + side;
-    const ptrdiff_t below = side * table_stride;
+    const auto [side, table_stride, below] = window_geometry(width, radius);
     const float inv_n = 1.0f / static_cast<float>(side * side);
     for (int32_t y = 0; y < height; ++y) {
         const uint8_t* in = src + static_cast<ptrdiff_t>(y) * width;

@@ -57,9 +57,7 @@ int32_t self_guided_filter_1pass_neon(const uint8_t* src, const uint32_t* ii_sum
                                       int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
     const int32_t groups = width / 4;
     if (groups <= 0 || height <= 0) return 0;
-    const int32_t side = 2 * radius + 1;
-    const ptrdiff_t table_stride = static_cast<ptrdiff_t>(width) + side;
-    const ptrdiff_t below = side * table_stride;
+    const auto [side, table_stride, below] = window_geometry(width, radius);
     const Constants k{vdupq_n_f32(1.0f / static_cast<float>(side * side)), vdupq_n_f32(kInvSquared255),
                       vdupq_n_f32(eps)};
     for (int32_t y = 0; y < height; ++y) {
