@@ -5,6 +5,34 @@
 #include "engine/ctx.h"
 
 namespace qimra {
+namespace {
+
+// A parallel stage lasts from a few microseconds to a millisecond, while
+// waking a thread that sleeps in the kernel costs tens of microseconds (far
+// more on a virtual machine). So both sides first poll the semaphore for a
+// short while (sem_trywait is an atomic operation, no system call) and only
+// then sleep. When the other side is polling, sem_post finds no sleeper and
+// makes no system call either. The bound keeps an idle worker from burning
+// its core between frames: it sleeps again well before the next frame.
+constexpr int kPollsBeforeSleep = 20000;
+
+inline void cpu_relax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+}
+
+void wait_for(sem_t* s) {
+    for (int i = 0; i < kPollsBeforeSleep; ++i) {
+        if (sem_trywait(s) == 0) return;
+        cpu_relax();
+    }
+    sem_wait(s);
+}
+
+}  // namespace
 
 int32_t core0_quarter_rows(int32_t rows) { return (coreload[0] * rows / 100 + 3) >> 2; }
 
@@ -13,7 +41,7 @@ void run_on_both_cores(ctx* c) {
     worker.job_ptr = &worker.job;
     sem_post(&worker.job.sem_start);
     Integral_ContStretch_YUVScale(&c->slot[0].job);
-    sem_wait(&worker.job.sem_done);
+    wait_for(&worker.job.sem_done);
 }
 
 }  // namespace qimra
@@ -46,7 +74,7 @@ extern "C" void Integral_ContStretch_YUVScale(void* job_record) {
 extern "C" void* thread_func1(void* slot_record) {
     auto* slot = static_cast<worker_slot*>(slot_record);
     for (;;) {
-        sem_wait(&slot->job.sem_start);
+        qimra::wait_for(&slot->job.sem_start);
         if (slot->job.exit == 1) break;
         Integral_ContStretch_YUVScale(slot->job_ptr);
         sem_post(&slot->job.sem_done);
