@@ -7,6 +7,7 @@
 #include "simd/convert.h"
 #include "simd/ftz.h"
 #include "simd/recpe.h"
+#include "simd/x86.h"
 
 namespace qimra {
 
@@ -55,7 +56,9 @@ extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_strid
     if (width <= 0 || height <= 0) return;
     int32_t done = 0;
 #if QIMRA_GUIDED_FILTER_SSE
-    done = qimra::self_guided_filter_1pass_sse(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
+    done = qimra::cpu_has_avx2()
+               ? qimra::self_guided_filter_1pass_avx2(src, ii_sum, ii_sqsum, radius, eps, dst, width, height)
+               : qimra::self_guided_filter_1pass_sse(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
 #elif QIMRA_HAVE_NEON
     done = qimra::self_guided_filter_1pass_neon(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
 #endif

@@ -1,16 +1,19 @@
-// The x86-64 form of the one-pass guided filter against the per-pixel form:
-// every byte, on images and tables of many sizes, with sources and outputs
-// that end exactly at the end of their allocations.
+// The x86-64 forms of the one-pass guided filter (four lanes, and eight
+// where the processor has AVX2) against the per-pixel form: every byte, on
+// images and tables of many sizes, with sources and outputs that end exactly
+// at the end of their allocations.
 #include <gtest/gtest.h>
 
 #include <cfloat>
 #include <cstdint>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include "filters/guided_filter.h"
 #include "filters/integral_reference.h"
 #include "qimra/qimra.h"
+#include "simd/x86.h"
 #include "support/engine_helpers.h"
 
 #if QIMRA_GUIDED_FILTER_SSE
@@ -44,11 +47,22 @@ std::vector<uint8_t> per_pixel(const Image& im, const uint32_t* sum, const uint3
     return dst;
 }
 
-// The x86 form for its columns, finished by the per-pixel form as the
+using VectorForm = int32_t (*)(const uint8_t*, const uint32_t*, const uint32_t*, int32_t, float, uint8_t*, int32_t,
+                               int32_t);
+
+// The forms this processor runs.
+std::vector<std::pair<const char*, VectorForm>> forms() {
+    std::vector<std::pair<const char*, VectorForm>> f = {{"sse", self_guided_filter_1pass_sse}};
+    if (cpu_has_avx2()) f.emplace_back("avx2", self_guided_filter_1pass_avx2);
+    return f;
+}
+
+// A vector form for its columns, finished by the per-pixel form as the
 // exported function does.
-std::vector<uint8_t> sse(const Image& im, const uint32_t* sum, const uint32_t* sq, float eps) {
+std::vector<uint8_t> vector_form(VectorForm form, const Image& im, const uint32_t* sum, const uint32_t* sq,
+                                 float eps) {
     std::vector<uint8_t> dst(im.src.size() + 4, 0xAA);
-    const int32_t done = self_guided_filter_1pass_sse(im.src.data(), sum, sq, im.r, eps, dst.data(), im.w, im.h);
+    const int32_t done = form(im.src.data(), sum, sq, im.r, eps, dst.data(), im.w, im.h);
     EXPECT_EQ(done, im.w - im.w % 4);
     self_guided_filter_1pass_c(im.src.data(), sum, sq, im.r, eps, dst.data(), im.w, im.h, done);
     return dst;
@@ -61,9 +75,10 @@ TEST(GuidedOnePassSse, MatchesPerPixelFormOnImages) {
             for (int32_t h : {1, 3, 19}) {
                 const Image im = image_with_tables(w, h, r, seed++);
                 for (float eps : {0.04f, 0.001f, 0.5f})
-                    ASSERT_EQ(sse(im, im.t.sum.data(), im.t.sq.data(), eps),
-                              per_pixel(im, im.t.sum.data(), im.t.sq.data(), eps))
-                        << w << "x" << h << " r " << r << " eps " << eps;
+                    for (const auto& [name, form] : forms())
+                        ASSERT_EQ(vector_form(form, im, im.t.sum.data(), im.t.sq.data(), eps),
+                                  per_pixel(im, im.t.sum.data(), im.t.sq.data(), eps))
+                            << name << " " << w << "x" << h << " r " << r << " eps " << eps;
             }
 }
 
@@ -78,8 +93,10 @@ TEST(GuidedOnePassSse, MatchesPerPixelFormForExtremeEps) {
         for (int32_t x = 0; x < 24; ++x) im.src[static_cast<size_t>(y) * im.w + x] = 77;  // var = 0
     im.t = reference_tables(im.src.data(), im.w, im.w, im.h, im.r);
     for (float eps : eps_values)
-        EXPECT_EQ(sse(im, im.t.sum.data(), im.t.sq.data(), eps), per_pixel(im, im.t.sum.data(), im.t.sq.data(), eps))
-            << "eps " << eps;
+        for (const auto& [name, form] : forms())
+            EXPECT_EQ(vector_form(form, im, im.t.sum.data(), im.t.sq.data(), eps),
+                      per_pixel(im, im.t.sum.data(), im.t.sq.data(), eps))
+                << name << " eps " << eps;
 }
 
 // Tables of arbitrary words: window sums anywhere in 0..2^32-1 (the unsigned
@@ -95,8 +112,9 @@ TEST(GuidedOnePassSse, MatchesPerPixelFormOnArbitraryTables) {
         for (size_t i = 0; i < sum.size(); i += 3) sum[i] >>= (i % 29);
         for (size_t i = 1; i < sq.size(); i += 4) sq[i] >>= (i % 31);
         for (float eps : {0.04f, 1e-20f, -0.5f, 3e9f})
-            ASSERT_EQ(sse(im, sum.data(), sq.data(), eps), per_pixel(im, sum.data(), sq.data(), eps))
-                << "seed " << seed << " eps " << eps;
+            for (const auto& [name, form] : forms())
+                ASSERT_EQ(vector_form(form, im, sum.data(), sq.data(), eps), per_pixel(im, sum.data(), sq.data(), eps))
+                    << name << " seed " << seed << " eps " << eps;
     }
 }
 

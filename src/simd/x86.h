@@ -1,0 +1,28 @@
+// Which x86 vector forms this build carries and which the processor runs.
+// The baseline build targets SSE4.1 (x86-64-v2); wider forms are compiled per function
+// (target attributes) and chosen at run time, so one library serves every
+// x86-64 machine and picks the fastest form it can execute.
+#pragma once
+
+#include "simd/neon.h"
+
+#if QIMRA_HAVE_NEON && defined(__x86_64__) && defined(__SSE4_1__)
+#define QIMRA_X86_FORMS 1
+#else
+#define QIMRA_X86_FORMS 0
+#endif
+
+namespace qimra {
+
+#if QIMRA_X86_FORMS
+// Asked once; __builtin_cpu_supports also honours the kernel's view of the
+// processor (XSAVE state for the wide registers).
+inline bool cpu_has_avx2() {
+    static const bool has = __builtin_cpu_supports("avx2") != 0;
+    return has;
+}
+#else
+inline bool cpu_has_avx2() { return false; }
+#endif
+
+}  // namespace qimra
