@@ -22,6 +22,15 @@ void upscale2_rows_c(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, ui
 int32_t upscale2_rows_neon(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
 #endif
 
+// x86-64 has its own form of the same steps (SSE2): translated, the NEON
+// form's widening multiplies and interleaving store cost several shuffles.
+#if QIMRA_HAVE_NEON && defined(__SSE2__)
+#define QIMRA_UPSCALE2_SSE 1
+int32_t upscale2_rows_sse(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
+#else
+#define QIMRA_UPSCALE2_SSE 0
+#endif
+
 // One row pair, vector form where it applies.
 void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
 

@@ -3,6 +3,7 @@
 // the per-pixel form.
 #include <gtest/gtest.h>
 
+#include <utility>
 #include <vector>
 
 #include "resample/upscale2.h"
@@ -64,6 +65,33 @@ TEST(Upscale2Rows, VectorFormMatchesPerPixelForm) {
             ASSERT_EQ(got1, want1) << "w=" << w << " last_row=" << last_row;
         }
 }
+
+#if QIMRA_HAVE_NEON
+// Each vector form directly (on x86-64 both the NEON form, translated, and
+// the x86 form the dispatch prefers), finished by the per-pixel form.
+TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
+    using Form = int32_t (*)(const uint8_t*, const uint8_t*, uint8_t*, uint8_t*, int32_t);
+    std::vector<std::pair<const char*, Form>> forms = {{"neon", upscale2_rows_neon}};
+#if QIMRA_UPSCALE2_SSE
+    forms.emplace_back("sse", upscale2_rows_sse);
+#endif
+    for (const auto& [name, form] : forms)
+        for (int32_t w : {16, 17, 18, 31, 32, 33, 64, 97, 480}) {
+            std::vector<uint8_t> s0(w), s1(w);
+            fill_random(s0.data(), w, 700 + w);
+            fill_random(s1.data(), w, 900 + w);
+            // Extremes where the 16-bit sums are largest.
+            for (int32_t x = 0; x < w; x += 5) s0[x] = s1[x] = 255;
+            std::vector<uint8_t> want0(2 * w), want1(2 * w), got0(2 * w), got1(2 * w);
+            upscale2_rows_c(s0.data(), s1.data(), want0.data(), want1.data(), w, 0);
+            const int32_t done = form(s0.data(), s1.data(), got0.data(), got1.data(), w);
+            EXPECT_EQ(done, (w - 1) / 16 * 16) << name << " w=" << w;
+            upscale2_rows_c(s0.data(), s1.data(), got0.data(), got1.data(), w, done);
+            ASSERT_EQ(got0, want0) << name << " w=" << w;
+            ASSERT_EQ(got1, want1) << name << " w=" << w;
+        }
+}
+#endif
 
 TEST(Upscale2Rows, DestinationOverlappingTheSourceKeepsThePerPixelOrder) {
     // In place on the upper row: the per-pixel form reads samples it has
