@@ -14,7 +14,7 @@ namespace {
 // then sleep. When the other side is polling, sem_post finds no sleeper and
 // makes no system call either. The bound keeps an idle worker from burning
 // its core between frames: it sleeps again well before the next frame.
-constexpr int kPollsBeforeSleep = 20000;
+constexpr int kPollsBeforeSleep = 2000;
 
 inline void cpu_relax() {
 #if defined(__x86_64__) || defined(__i386__)

@@ -5,6 +5,17 @@
 #include "qimra/qimra.h"
 
 namespace qimra {
+
+void integral_row_c(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run) {
+    for (int32_t x = 0; x < width; ++x) {
+        const uint32_t p = row[x];
+        run.sum += p;
+        run.sq += p * p;
+        sum[x] = sum[x + up] + run.sum;
+        sq[x] = sq[x + up] + run.sq;
+    }
+}
+
 namespace {
 
 // One table row from the row above it and one (padded) image row: entry j is
@@ -15,42 +26,31 @@ namespace {
 // `border` copies of the row's first and last pixels stand left and right of
 // it. Writes entries 1..width + 2 * border of the rows at sum and sq, reading
 // the rows `stride` entries above them.
-class RowAccumulator {
-public:
-    RowAccumulator(uint32_t* sum, uint32_t* sq, ptrdiff_t stride) : sum_(sum), sq_(sq), up_(-stride) {}
-
-    void add(uint32_t p) {
-        run_ += p;
-        run_sq_ += p * p;
-        ++sum_;
-        ++sq_;
-        *sum_ = sum_[up_] + run_;
-        *sq_ = sq_[up_] + run_sq_;
+void repeat_pixel(uint8_t p, int32_t count, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run) {
+    for (int32_t k = 0; k < count; ++k) {
+        run.sum += p;
+        run.sq += uint32_t{p} * p;
+        sum[k] = sum[k + up] + run.sum;
+        sq[k] = sq[k + up] + run.sq;
     }
-
-    void repeat(uint32_t p, int32_t count) {
-        for (int32_t k = 0; k < count; ++k) add(p);
-    }
-
-private:
-    uint32_t* sum_;
-    uint32_t* sq_;
-    ptrdiff_t up_;
-    uint32_t run_ = 0;
-    uint32_t run_sq_ = 0;
-};
+}
 
 void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t stride, uint32_t* sum,
                     uint32_t* sq) {
-    RowAccumulator acc(sum, sq, stride);
-    if (border > 0) acc.repeat(row[0], border);
+    const ptrdiff_t up = -stride;
+    RowRun run;
+    // Entry 0 of the row is the zero column; pixels start at entry 1.
+    uint32_t* s = sum + 1;
+    uint32_t* q = sq + 1;
+    if (border > 0) repeat_pixel(row[0], border, s, q, up, run);
+    s += border > 0 ? border : 0;
+    q += border > 0 ? border : 0;
     int32_t x = 0;
-    for (; x + 2 <= width; x += 2) {
-        acc.add(row[x]);
-        acc.add(row[x + 1]);
-    }
-    if (x < width) acc.add(row[x]);
-    if (border > 0) acc.repeat(row[width - 1], border);
+#if QIMRA_HAVE_NEON
+    x = integral_row_neon(row, width, s, q, up, run);
+#endif
+    integral_row_c(row + x, width - x, s + x, q + x, up, run);
+    if (border > 0) repeat_pixel(row[width - 1], border, s + width, q + width, up, run);
 }
 
 void zero(uint32_t* p, ptrdiff_t n) {

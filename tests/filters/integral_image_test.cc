@@ -4,6 +4,7 @@
 #include <random>
 #include <vector>
 
+#include "filters/integral_image.h"
 #include "filters/integral_reference.h"
 #include "qimra/qimra.h"
 #include "support/engine_helpers.h"
@@ -147,6 +148,39 @@ TEST(IntegralUnpadded, DegenerateSizesWriteOnlyTheZeroBorder) {
         }
     }
 }
+
+#if QIMRA_HAVE_NEON
+// The vector row form against the per-pixel form: the same entries and the
+// same run for every width, from runs that start near the wrap, over a row
+// above of arbitrary words; bright rows make the square sums large.
+TEST(IntegralRow, VectorFormMatchesPerPixelForm) {
+    uint32_t seed = 40;
+    for (int32_t w : {1, 7, 8, 9, 15, 16, 17, 63, 64, 100, 497}) {
+        for (const RowRun start : {RowRun{0, 0}, RowRun{0xFFFFFF00u, 0xFFFF0000u}}) {
+            std::vector<uint8_t> row(static_cast<size_t>(w));
+            fill_random(row.data(), row.size(), ++seed);
+            for (size_t i = 0; i < row.size(); i += 3) row[i] = 255;
+            std::vector<uint32_t> above(static_cast<size_t>(w));
+            fill_random(reinterpret_cast<uint8_t*>(above.data()), above.size() * 4, ++seed);
+            // Table rows: the row above, then the row written.
+            std::vector<uint32_t> want_sum(2 * above.size()), want_sq(2 * above.size());
+            std::copy(above.begin(), above.end(), want_sum.begin());
+            std::copy(above.begin(), above.end(), want_sq.begin());
+            std::vector<uint32_t> got_sum = want_sum, got_sq = want_sq;
+            const ptrdiff_t up = -static_cast<ptrdiff_t>(w);
+            RowRun want = start, got = start;
+            integral_row_c(row.data(), w, want_sum.data() + w, want_sq.data() + w, up, want);
+            const int32_t done = integral_row_neon(row.data(), w, got_sum.data() + w, got_sq.data() + w, up, got);
+            EXPECT_EQ(done, w / 8 * 8);
+            integral_row_c(row.data() + done, w - done, got_sum.data() + w + done, got_sq.data() + w + done, up, got);
+            ASSERT_EQ(got_sum, want_sum) << "w=" << w;
+            ASSERT_EQ(got_sq, want_sq) << "w=" << w;
+            EXPECT_EQ(got.sum, want.sum);
+            EXPECT_EQ(got.sq, want.sq);
+        }
+    }
+}
+#endif
 
 }  // namespace
 }  // namespace qimra::test
