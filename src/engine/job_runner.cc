@@ -12,8 +12,11 @@ namespace {
 // more on a virtual machine). So both sides first poll the semaphore for a
 // short while (sem_trywait is an atomic operation, no system call) and only
 // then sleep. When the other side is polling, sem_post finds no sleeper and
-// makes no system call either. The bound keeps an idle worker from burning
-// its core between frames: it sleeps again well before the next frame.
+// makes no system call either. The bound is short on purpose: when another
+// process holds the second core, a poller only steals time from the thread
+// it waits for. Measured at 1080p on two cores, 2000 polls (some tens of
+// microseconds) gain about a fifth on idle cores and cost little on a busy
+// one, where 20000 polls made frames three times slower.
 constexpr int kPollsBeforeSleep = 2000;
 
 inline void cpu_relax() {
