@@ -5,7 +5,7 @@ TEST_PRESETS ?= host host-asan host-tsan armhf
 ALL_PRESETS := host host-scalar host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media demo bench bench-instructions test $(addprefix test-,$(ALL_PRESETS)) clean
+.PHONY: all build setup media demo bench bench-armhf bench-instructions test $(addprefix test-,$(ALL_PRESETS)) clean
 
 all: build
 
@@ -29,6 +29,18 @@ bench: build media
 	@cmake --build --preset host -j $(JOBS) --target qimra-bench
 	@mkdir -p out/bench
 	@build/host/bench/qimra-bench --benchmark_out=out/bench/qimra-bench.json --benchmark_out_format=json
+
+# qimra-bench for ARMv7 devices: one statically linked file, on minibench
+# (bench/minibench, the in-tree stand-in for Google Benchmark, which Debian
+# lacks for armhf). Copy it to the device with the frames and run it there;
+# under qemu its times mean nothing.
+bench-armhf: setup media
+	@cmake --preset armhf >/dev/null
+	@cmake --build --preset armhf -j $(JOBS) --target qimra-bench
+	@echo "static ARMv7 qimra-bench: build/armhf/bench/qimra-bench"
+	@echo "run it on an Android device (for ARM Linux, scp and ssh the same two paths):"
+	@echo "  adb push build/armhf/bench/qimra-bench .cache/media/yuv /data/local/tmp/"
+	@echo "  adb shell /data/local/tmp/qimra-bench --media-dir=/data/local/tmp"
 
 # Instructions per 1080p mode-0 frame (both threads), counted by callgrind:
 # a figure that does not jitter, beside the timings of make bench.
