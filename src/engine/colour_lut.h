@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "simd/neon.h"
+#include "simd/x86.h"
 
 namespace qimra {
 
@@ -45,6 +46,15 @@ void prepare_colour_lut_vector_tables(const ColourLutInputs& in, ColourLutVector
 // be a multiple of 8.
 void colour_lut_row_neon(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i, uint16_t* row,
                          int32_t l_begin, int32_t l_end);
+
+// x86-64: the same eight lanes wide in AVX2, where cpu_has_avx2().
+#if QIMRA_X86_FORMS
+#define QIMRA_COLOUR_LUT_AVX2 1
+void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i, uint16_t* row,
+                         int32_t l_begin, int32_t l_end);
+#else
+#define QIMRA_COLOUR_LUT_AVX2 0
+#endif
 #endif
 
 // Rows first..last of the table at lut, vector form where compiled in.
