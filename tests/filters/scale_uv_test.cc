@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <iterator>
+#include <string>
 #include <vector>
 
 #include "filters/scale_uv.h"
@@ -52,7 +53,13 @@ const Form kForms[] = {
 #if QIMRA_SCALE_UV_SSE
     {"sse", scale_uv_planar_sse, scale_uv_nv_sse},
 #endif
+#if QIMRA_SCALE_UV_AVX2
+    {"avx2", scale_uv_planar_avx2, scale_uv_nv_avx2},
+#endif
 };
+
+// The forms this processor can run.
+bool runs_here(const Form& f) { return std::string(f.name) != "avx2" || cpu_has_avx2(); }
 
 TEST(ScaleUv, EverySampleAndGainPairMatchesTheWrappingFormula) {
     // 65536 pairs: width 16 and 16384 luma rows give 8192 rows of 8 pairs.
@@ -98,6 +105,7 @@ TEST(ScaleUv, VectorFormsMatchPerPixelFormsInPlaceToo) {
             scale_uv_nv_c(b.uv.data(), wuv.data(), b.gain.data(), width, height);
 
             for (const Form& f : kForms) {
+                if (!runs_here(f)) continue;
                 std::vector<uint8_t> gu(b.pairs), gv(b.pairs), guv(2 * b.pairs);
                 f.planar(b.u.data(), b.v.data(), gu.data(), gv.data(), b.gain.data(), width, height);
                 f.nv(b.uv.data(), guv.data(), b.gain.data(), width, height);
