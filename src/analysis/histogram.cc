@@ -2,16 +2,15 @@
 #include <cstddef>
 #include <cstring>
 
+#include "analysis/histogram.h"
 #include "engine/ctx.h"
 
-namespace {
+namespace qimra {
 
-// Counts a width x height block into 256 bins (adding to them). Four
-// partial histograms take neighbouring pixels in turn: smooth images put
-// runs of equal values side by side, and a single table would make each
-// increment wait for the store of the one before. The order of counting
-// does not matter, so the sum is the same.
-void count_block(uint32_t* bins, const uint8_t* src, int stride, int width, int height) {
+// Four partial histograms take neighbouring pixels in turn: smooth images
+// put runs of equal values side by side, and a single table would make each
+// increment wait for the store of the one before.
+void count_histogram(uint32_t* bins, const uint8_t* src, int stride, int width, int height) {
     uint32_t part[4][256] = {};
     for (int y = 0; y < height; ++y) {
         const uint8_t* row = src + static_cast<ptrdiff_t>(y) * stride;
@@ -27,20 +26,22 @@ void count_block(uint32_t* bins, const uint8_t* src, int stride, int width, int 
     for (int i = 0; i < 256; ++i) bins[i] += part[0][i] + part[1][i] + part[2][i] + part[3][i];
 }
 
-}  // namespace
+}  // namespace qimra
+
+using qimra::count_histogram;
 
 extern "C" void blc_gen_hist(const uint8_t* src, int width, int height, int stride, qimra_ctx* c,
                              int /*step*/, int skip) {
     memset(c->global_hist, 0, sizeof c->global_hist);
     if (skip != 0) return;
-    count_block(c->global_hist, src, stride, width, height);
+    count_histogram(c->global_hist, src, stride, width, height);
     // Stored as the plain 32-bit product, also for empty or negative sizes.
     c->hist_pixel_count = static_cast<int32_t>(static_cast<uint32_t>(width) * static_cast<uint32_t>(height));
 }
 
 extern "C" void blc_create_hist(int32_t* hist, const uint8_t* src, int stride, int width, int height) {
     memset(hist, 0, 256 * sizeof(int32_t));
-    count_block(reinterpret_cast<uint32_t*>(hist), src, stride, width, height);
+    count_histogram(reinterpret_cast<uint32_t*>(hist), src, stride, width, height);
 }
 
 extern "C" int blc_derive_sub_dims(int, int, int, int* cols, int* rows) {

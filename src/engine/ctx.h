@@ -123,7 +123,9 @@ int32_t core0_quarter_rows(int32_t rows);
 
 // Runs one parallel stage: slot 1's job on the worker, slot 0's on the
 // calling thread; returns when both are done. Both jobs must be filled.
-void run_on_both_cores(ctx* c);
+// `meanwhile`, if given, runs on the calling thread after its own job and
+// before it waits for the worker: work that needs only core 0's part.
+void run_on_both_cores(ctx* c, void (*meanwhile)(ctx*) = nullptr);
 
 // The CDS hysteresis step for one frame (reads and updates the globals).
 void update_cds_state();

@@ -39,11 +39,12 @@ void wait_for(sem_t* s) {
 
 int32_t core0_quarter_rows(int32_t rows) { return (coreload[0] * rows / 100 + 3) >> 2; }
 
-void run_on_both_cores(ctx* c) {
+void run_on_both_cores(ctx* c, void (*meanwhile)(ctx*)) {
     worker_slot& worker = c->slot[1];
     worker.job_ptr = &worker.job;
     sem_post(&worker.job.sem_start);
     Integral_ContStretch_YUVScale(&c->slot[0].job);
+    if (meanwhile != nullptr) meanwhile(c);
     wait_for(&worker.job.sem_done);
 }
 

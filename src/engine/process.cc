@@ -1,6 +1,8 @@
 // One frame: analysis, decision, then enhancement on both cores or a copy.
+#include <cstddef>
 #include <cstring>
 
+#include "analysis/histogram.h"
 #include "engine/band.h"
 #include "engine/ctx.h"
 
@@ -36,7 +38,24 @@ void update_cds_state() {
 
 namespace {
 
-void downscale_for_analysis(ctx* c, uint8_t* in_y, int32_t in_stride) {
+// Rows [0, split) of the reduced image are core 0's in the downscale stage.
+int32_t reduced_split(const ctx* c) {
+    const int32_t rows = c->height >> 2;
+    const int32_t q0 = core0_quarter_rows(c->height);
+    return q0 < 0 ? 0 : (q0 > rows ? rows : q0);
+}
+
+// Core 0 counts the reduced rows it has just written while the worker is
+// still writing its own.
+void count_core0_rows(ctx* c) {
+    const int32_t w = c->width >> 2;
+    count_histogram(c->global_hist, c->ds_luma, w, w, reduced_split(c));
+}
+
+// The reduced image for the analysis; with `histogram`, also its histogram
+// (as blc_gen_hist would count it: counting is order-free, so core 0 starts
+// on its own rows before the worker has finished the rest).
+void downscale_for_analysis(ctx* c, uint8_t* in_y, int32_t in_stride, bool histogram) {
     for (int i = 0; i < 2; ++i) {
         qimra_job& job = c->slot[i].job;
         job.op = kOpDownscale4;
@@ -50,7 +69,15 @@ void downscale_for_analysis(ctx* c, uint8_t* in_y, int32_t in_stride) {
         job.rs_dst_height = c->height >> 2;
         job.rs_dst_stride = c->width >> 2;
     }
-    run_on_both_cores(c);
+    if (!histogram) {
+        run_on_both_cores(c);
+        return;
+    }
+    memset(c->global_hist, 0, sizeof c->global_hist);
+    run_on_both_cores(c, count_core0_rows);
+    const int32_t w = c->width >> 2, h = c->height >> 2, split = reduced_split(c);
+    count_histogram(c->global_hist, c->ds_luma + static_cast<ptrdiff_t>(split) * w, w, w, h - split);
+    c->hist_pixel_count = static_cast<int32_t>(static_cast<uint32_t>(w) * static_cast<uint32_t>(h));
 }
 
 int analyse_and_decide(ctx* c, segment* analysed) {
@@ -172,10 +199,9 @@ extern "C" int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride,
     segment full{in_y, f.in_uv, c->width, c->height, in_stride, in_scanlines};
     segment reduced{c->ds_luma, nullptr, c->width >> 2, c->height >> 2, c->width >> 2, c->height >> 2};
 
-    if (c->quarter_mode) downscale_for_analysis(c, in_y, in_stride);
-
     segment* analysed = (c->quarter_mode && c->analyse_ds == 1) ? &reduced : &full;
-    blc_gen_hist(analysed->luma, analysed->width, analysed->height, analysed->stride, c, 1, 0);
+    if (c->quarter_mode) downscale_for_analysis(c, in_y, in_stride, analysed == &reduced);
+    if (analysed != &reduced) blc_gen_hist(analysed->luma, analysed->width, analysed->height, analysed->stride, c, 1, 0);
 
     int decision;
     if (c->adaptive_mode != 0) {
