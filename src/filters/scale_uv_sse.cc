@@ -114,6 +114,10 @@ QIMRA_AVX2 void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, u
         store32(out_u + i, scale16x32(load32(in_u + i), g));
         store32(out_v + i, scale16x32(load32(in_v + i), g));
     }
+    // The tail runs legacy SSE code: clear the upper halves first, or every
+    // SSE instruction after this (here and in the caller) pays for the
+    // dirty AVX state. The compiler does not do it before a tail call.
+    _mm256_zeroupper();
     planar_from(in_u, in_v, out_u, out_v, gain, i, pairs);
 }
 
@@ -122,6 +126,7 @@ QIMRA_AVX2 void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const ui
     const std::size_t pairs = 8 * scale_uv_groups(width, height);
     std::size_t i = 0;
     for (; i + 16 <= pairs; i += 16) store32(out_uv + 2 * i, scale16x32(load32(in_uv + 2 * i), doubled(gain + i)));
+    _mm256_zeroupper();  // as above
     nv_from(in_uv, out_uv, gain, i, pairs);
 }
 #endif  // QIMRA_SCALE_UV_AVX2
