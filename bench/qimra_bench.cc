@@ -11,7 +11,9 @@
 //
 // Stages: each alone, on the data it sees in a frame of that size (the
 // analysis and the filter work on the quarter-size image), the whole frame
-// on one thread.
+// on one thread: downscale, histogram, region features and decision (the
+// analysis of adaptive mode 2), integral images, guided filter, upscale,
+// luma and chroma scaling, and the two tables.
 //
 // The bare table pass ("table_pass"): a plain scalar loop over the luma and
 // the half-size base through the 64 KiB colour table, one byte out per
@@ -485,6 +487,38 @@ void bm_histogram(benchmark::State& state, FrameSize s) {
     }
 }
 
+// The analysis of adaptive mode 2 on the frame's reduced image: an engine in
+// mode 2 processes the frame once (reduced image and histogram in place),
+// then the region features of both cores' shares, or the decision alone.
+qimra_ctx* analysed_engine(FrameSize s, segment* reduced) {
+    qimra_ctx* c = g_engine.get(s, 0, 2);
+    std::vector<uint8_t> in = size_data(s).frame(0), out(in.size());
+    qimra_process(c, in.data(), s.w, s.h, out.data(), s.w, s.h);
+    *reduced = segment{c->ds_luma, nullptr, s.w / 4, s.h / 4, s.w / 4, s.h / 4};
+    return c;
+}
+
+void bm_local_features(benchmark::State& state, FrameSize s) {
+    segment reduced{};
+    qimra_ctx* c = analysed_engine(s, &reduced);
+    for (auto _ : state) {
+        blc_local_hist_features(c, &reduced, 0, 2);
+        blc_local_hist_features(c, &reduced, 1, 2);
+        benchmark::ClobberMemory();
+    }
+}
+
+void bm_decision(benchmark::State& state, FrameSize s) {
+    segment reduced{};
+    qimra_ctx* c = analysed_engine(s, &reduced);
+    blc_local_hist_features(c, &reduced, 0, 2);
+    blc_local_hist_features(c, &reduced, 1, 2);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(blc_decide_quality(c, &reduced));
+        benchmark::ClobberMemory();
+    }
+}
+
 void bm_integral_images(benchmark::State& state, FrameSize s) {
     StageData& d = size_data(s).stages();
     const int32_t qw = s.w / 4, qh = s.h / 4;
@@ -622,6 +656,8 @@ const Row kFrameRows[] = {
 const Row kStageRows[] = {
     {"stage/downscale4", "downscale by four"},
     {"stage/histogram", "histogram (quarter image)"},
+    {"stage/local_features", "region features (quarter)"},
+    {"stage/decision", "decision"},
     {"stage/integral_images", "integral images (quarter)"},
     {"stage/guided_filter", "guided filter (quarter)"},
     {"stage/upscale2", "upscale by two (to half)"},
@@ -663,6 +699,8 @@ void register_benchmarks() {
                         true);
         add(full_name("stage/downscale4", s), [s](benchmark::State& st) { bm_downscale4(st, s); });
         add(full_name("stage/histogram", s), [s](benchmark::State& st) { bm_histogram(st, s); });
+        add(full_name("stage/local_features", s), [s](benchmark::State& st) { bm_local_features(st, s); });
+        add(full_name("stage/decision", s), [s](benchmark::State& st) { bm_decision(st, s); });
         add(full_name("stage/integral_images", s), [s](benchmark::State& st) { bm_integral_images(st, s); });
         add(full_name("stage/guided_filter", s), [s](benchmark::State& st) { bm_guided_filter(st, s); });
         add(full_name("stage/upscale2", s), [s](benchmark::State& st) { bm_upscale2(st, s); });
