@@ -46,7 +46,9 @@ void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t
     s += border > 0 ? border : 0;
     q += border > 0 ? border : 0;
     int32_t x = 0;
-#if QIMRA_HAVE_NEON
+#if QIMRA_INTEGRAL_SSE
+    x = integral_row_sse(row, width, s, q, up, run);
+#elif QIMRA_HAVE_NEON
     x = integral_row_neon(row, width, s, q, up, run);
 #endif
     integral_row_c(row + x, width - x, s + x, q + x, up, run);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include "filters/integral_image.h"
@@ -166,17 +167,27 @@ TEST(IntegralRow, VectorFormMatchesPerPixelForm) {
             std::vector<uint32_t> want_sum(2 * above.size()), want_sq(2 * above.size());
             std::copy(above.begin(), above.end(), want_sum.begin());
             std::copy(above.begin(), above.end(), want_sq.begin());
-            std::vector<uint32_t> got_sum = want_sum, got_sq = want_sq;
+            const std::vector<uint32_t> start_rows = want_sum;  // the same for both tables
             const ptrdiff_t up = -static_cast<ptrdiff_t>(w);
-            RowRun want = start, got = start;
+            RowRun want = start;
             integral_row_c(row.data(), w, want_sum.data() + w, want_sq.data() + w, up, want);
-            const int32_t done = integral_row_neon(row.data(), w, got_sum.data() + w, got_sq.data() + w, up, got);
-            EXPECT_EQ(done, w / 8 * 8);
-            integral_row_c(row.data() + done, w - done, got_sum.data() + w + done, got_sq.data() + w + done, up, got);
-            ASSERT_EQ(got_sum, want_sum) << "w=" << w;
-            ASSERT_EQ(got_sq, want_sq) << "w=" << w;
-            EXPECT_EQ(got.sum, want.sum);
-            EXPECT_EQ(got.sq, want.sq);
+            using Form = int32_t (*)(const uint8_t*, int32_t, uint32_t*, uint32_t*, ptrdiff_t, RowRun&);
+            std::vector<std::pair<const char*, Form>> forms = {{"neon", integral_row_neon}};
+#if QIMRA_INTEGRAL_SSE
+            forms.emplace_back("sse", integral_row_sse);
+#endif
+            for (const auto& [name, form] : forms) {
+                std::vector<uint32_t> got_sum = start_rows, got_sq = start_rows;
+                RowRun got = start;
+                const int32_t done = form(row.data(), w, got_sum.data() + w, got_sq.data() + w, up, got);
+                EXPECT_EQ(done, w / 8 * 8) << name;
+                integral_row_c(row.data() + done, w - done, got_sum.data() + w + done, got_sq.data() + w + done, up,
+                               got);
+                ASSERT_EQ(got_sum, want_sum) << name << " w=" << w;
+                ASSERT_EQ(got_sq, want_sq) << name << " w=" << w;
+                EXPECT_EQ(got.sum, want.sum) << name;
+                EXPECT_EQ(got.sq, want.sq) << name;
+            }
         }
     }
 }
