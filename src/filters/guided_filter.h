@@ -64,6 +64,9 @@ int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum,
 // The same, eight lanes wide; only where cpu_has_avx2().
 int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                       int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
+// Sixteen lanes; only where cpu_has_avx512f().
+int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                        int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
 #else
 #define QIMRA_GUIDED_FILTER_SSE 0
 #endif

@@ -56,9 +56,12 @@ extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_strid
     if (width <= 0 || height <= 0) return;
     int32_t done = 0;
 #if QIMRA_GUIDED_FILTER_SSE
-    done = qimra::cpu_has_avx2()
-               ? qimra::self_guided_filter_1pass_avx2(src, ii_sum, ii_sqsum, radius, eps, dst, width, height)
-               : qimra::self_guided_filter_1pass_sse(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
+    if (qimra::cpu_has_avx512f())
+        done = qimra::self_guided_filter_1pass_avx512(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
+    else if (qimra::cpu_has_avx2())
+        done = qimra::self_guided_filter_1pass_avx2(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
+    else
+        done = qimra::self_guided_filter_1pass_sse(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
 #elif QIMRA_HAVE_NEON
     done = qimra::self_guided_filter_1pass_neon(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
 #endif

@@ -65,6 +65,28 @@ __attribute__((target("avx2"))) inline __m256 recpe_f32x8_avx2(__m256 x) {
     return _mm256_castsi256_ps(result);
 }
 
+__attribute__((target("avx512f"))) inline __m512 recpe_f32x16_avx512(__m512 x) {
+    const __m512i bits = _mm512_castps_si512(x);
+    const __m512i byte = _mm512_set1_epi32(0xFF);
+    const __m512i sign = _mm512_and_si512(bits, _mm512_set1_epi32(static_cast<int32_t>(0x80000000u)));
+    const __m512i exponent = _mm512_and_si512(_mm512_srli_epi32(bits, 23), byte);
+    const __m512i lead = _mm512_and_si512(_mm512_srli_epi32(bits, 15), byte);
+    const __m512 d = _mm512_cvtepi32_ps(_mm512_add_epi32(_mm512_slli_epi32(lead, 1), _mm512_set1_epi32(513)));
+    const __m512i b = _mm512_cvttps_epi32(_mm512_div_ps(_mm512_set1_ps(524288.0f), d));
+    const __m512i fraction =
+        _mm512_sub_epi32(_mm512_srli_epi32(_mm512_add_epi32(b, _mm512_set1_epi32(1)), 1), _mm512_set1_epi32(256));
+    __m512i result = _mm512_or_si512(
+        sign, _mm512_or_si512(_mm512_slli_epi32(_mm512_sub_epi32(_mm512_set1_epi32(253), exponent), 23),
+                              _mm512_slli_epi32(fraction, 15)));
+    result = _mm512_mask_mov_epi32(result, _mm512_cmpgt_epi32_mask(exponent, _mm512_set1_epi32(252)), sign);
+    result = _mm512_mask_mov_epi32(result, _mm512_cmpeq_epi32_mask(exponent, _mm512_setzero_si512()),
+                                   _mm512_or_si512(sign, _mm512_set1_epi32(0x7F800000)));
+    const __m512i magnitude = _mm512_and_si512(bits, _mm512_set1_epi32(0x7FFFFFFF));
+    result = _mm512_mask_mov_epi32(result, _mm512_cmpgt_epi32_mask(magnitude, _mm512_set1_epi32(0x7F800000)),
+                                   _mm512_set1_epi32(0x7FC00000));
+    return _mm512_castsi512_ps(result);
+}
+
 }  // namespace qimra
 
 #endif  // QIMRA_X86_FORMS

@@ -21,8 +21,15 @@ inline bool cpu_has_avx2() {
     static const bool has = __builtin_cpu_supports("avx2") != 0;
     return has;
 }
+// The AVX-512 foundation: 16-lane forms, unsigned conversions, narrowing
+// moves.
+inline bool cpu_has_avx512f() {
+    static const bool has = __builtin_cpu_supports("avx512f") != 0;
+    return has;
+}
 #else
 inline bool cpu_has_avx2() { return false; }
+inline bool cpu_has_avx512f() { return false; }
 #endif
 
 }  // namespace qimra

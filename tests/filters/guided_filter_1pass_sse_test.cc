@@ -1,5 +1,5 @@
-// The x86-64 forms of the one-pass guided filter (four lanes, and eight
-// where the processor has AVX2) against the per-pixel form: every byte, on
+// The x86-64 forms of the one-pass guided filter (four lanes, and eight or
+// sixteen where the processor has AVX2 or AVX-512) against the per-pixel form: every byte, on
 // images and tables of many sizes, with sources and outputs that end exactly
 // at the end of their allocations.
 #include <gtest/gtest.h>
@@ -54,6 +54,7 @@ using VectorForm = int32_t (*)(const uint8_t*, const uint32_t*, const uint32_t*,
 std::vector<std::pair<const char*, VectorForm>> forms() {
     std::vector<std::pair<const char*, VectorForm>> f = {{"sse", self_guided_filter_1pass_sse}};
     if (cpu_has_avx2()) f.emplace_back("avx2", self_guided_filter_1pass_avx2);
+    if (cpu_has_avx512f()) f.emplace_back("avx512", self_guided_filter_1pass_avx512);
     return f;
 }
 
