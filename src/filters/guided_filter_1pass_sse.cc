@@ -72,6 +72,21 @@ inline __m128i filter_group(const uint32_t* sum_top, const uint32_t* sq_top, ptr
 
 inline void store8(uint8_t* p, __m128i v) { _mm_storel_epi64(reinterpret_cast<__m128i*>(p), v); }
 
+// One row's groups from column x to end, as the four-lane form does them:
+// two per step, both computed before either is stored (a byte store could
+// otherwise alias the next group's loads), then the zeros the second
+// group's store would leave; a last single group stores its own.
+inline void groups_from(int32_t x, int32_t end, const uint8_t* in, uint8_t* out, const uint32_t* sum_row,
+                        const uint32_t* sq_row, ptrdiff_t below, int32_t side, const Constants& k) {
+    for (; x + 8 <= end; x += 8) {
+        const __m128i first = filter_group(sum_row + x, sq_row + x, below, side, in + x, k);
+        const __m128i second = filter_group(sum_row + x + 4, sq_row + x + 4, below, side, in + x + 4, k);
+        store8(out + x, _mm_unpacklo_epi32(first, second));
+        std::memset(out + x + 8, 0, 4);
+    }
+    if (x < end) store8(out + x, filter_group(sum_row + x, sq_row + x, below, side, in + x, k));
+}
+
 #define QIMRA_AVX2 __attribute__((target("avx2")))
 
 QIMRA_AVX2 inline __m256i load8x32(const uint32_t* p) {
@@ -132,16 +147,7 @@ int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum,
         uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
         const uint32_t* sum_row = ii_sum + y * table_stride;
         const uint32_t* sq_row = ii_sqsum + y * table_stride;
-        int32_t x = 0;
-        // Two groups per step, both computed before either is stored (a byte
-        // store could otherwise alias the next group's loads).
-        for (; x + 8 <= end; x += 8) {
-            const __m128i first = filter_group(sum_row + x, sq_row + x, below, side, in + x, k);
-            const __m128i second = filter_group(sum_row + x + 4, sq_row + x + 4, below, side, in + x + 4, k);
-            store8(out + x, _mm_unpacklo_epi32(first, second));
-            std::memset(out + x + 8, 0, 4);  // the second group's trailing zeros
-        }
-        if (x < end) store8(out + x, filter_group(sum_row + x, sq_row + x, below, side, in + x, k));
+        groups_from(0, end, in, out, sum_row, sq_row, below, side, k);
     }
     return end;
 }
@@ -167,7 +173,7 @@ QIMRA_AVX2 int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint3
             store8(out + x, filter_group8(sum_row + x, sq_row + x, below, side, in + x, inv_n, eps));
             std::memset(out + x + 8, 0, 4);
         }
-        if (x < end) store8(out + x, filter_group(sum_row + x, sq_row + x, below, side, in + x, k));
+        groups_from(x, end, in, out, sum_row, sq_row, below, side, k);
     }
     return end;
 }
@@ -227,14 +233,7 @@ QIMRA_AVX512 int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const u
                              filter_group16(sum_row + x, sq_row + x, below, side, in + x, k_inv_n, k_eps));
             std::memset(out + x + 16, 0, 4);
         }
-        // The rest in groups of four, as the four-lane form does them.
-        for (; x + 8 <= end; x += 8) {
-            const __m128i first = filter_group(sum_row + x, sq_row + x, below, side, in + x, k);
-            const __m128i second = filter_group(sum_row + x + 4, sq_row + x + 4, below, side, in + x + 4, k);
-            store8(out + x, _mm_unpacklo_epi32(first, second));
-            std::memset(out + x + 8, 0, 4);
-        }
-        if (x < end) store8(out + x, filter_group(sum_row + x, sq_row + x, below, side, in + x, k));
+        groups_from(x, end, in, out, sum_row, sq_row, below, side, k);
     }
     return end;
 }
