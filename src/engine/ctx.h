@@ -15,6 +15,10 @@ enum : int32_t {
     kOpColourTable = 1,
     kOpLocalFeatures = 3,
     kOpBand = 5,
+    // Internal: the downscale, then the histogram of the reduced rows this
+    // core wrote (core 0 into global_hist, core 1 into region_hist[0],
+    // which the region features overwrite later in the frame).
+    kOpDownscaleCount = 8,
 };
 
 // One per core; slot 1's record drives the worker thread.
@@ -125,7 +129,10 @@ int32_t core0_quarter_rows(int32_t rows);
 // calling thread; returns when both are done. Both jobs must be filled.
 // `meanwhile`, if given, runs on the calling thread after its own job and
 // before it waits for the worker: work that needs only core 0's part.
-void run_on_both_cores(ctx* c, void (*meanwhile)(ctx*) = nullptr);
+void run_on_both_cores(ctx* c);
+
+// The kOpDownscaleCount job.
+void downscale_and_count(qimra_job* job);
 
 // The CDS hysteresis step for one frame (reads and updates the globals).
 void update_cds_state();

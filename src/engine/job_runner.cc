@@ -39,12 +39,11 @@ void wait_for(sem_t* s) {
 
 int32_t core0_quarter_rows(int32_t rows) { return (coreload[0] * rows / 100 + 3) >> 2; }
 
-void run_on_both_cores(ctx* c, void (*meanwhile)(ctx*)) {
+void run_on_both_cores(ctx* c) {
     worker_slot& worker = c->slot[1];
     worker.job_ptr = &worker.job;
     sem_post(&worker.job.sem_start);
     Integral_ContStretch_YUVScale(&c->slot[0].job);
-    if (meanwhile != nullptr) meanwhile(c);
     wait_for(&worker.job.sem_done);
 }
 
@@ -55,6 +54,9 @@ extern "C" void Integral_ContStretch_YUVScale(void* job_record) {
     switch (job->op) {
         case kOpDownscale4:
             ReSizeImage_downscale4_mc(job);
+            break;
+        case kOpDownscaleCount:
+            qimra::downscale_and_count(job);
             break;
         case kOpColourTable:
             qimra_col_conv_create_lut_mc(job->ctx, job->core, 2);

@@ -45,21 +45,16 @@ int32_t reduced_split(const ctx* c) {
     return q0 < 0 ? 0 : (q0 > rows ? rows : q0);
 }
 
-// Core 0 counts the reduced rows it has just written while the worker is
-// still writing its own.
-void count_core0_rows(ctx* c) {
-    const int32_t w = c->width >> 2;
-    count_histogram(c->global_hist, c->ds_luma, w, w, reduced_split(c));
-}
-
 // The reduced image for the analysis; with `histogram`, also its histogram
-// (as blc_gen_hist would count it: counting is order-free, so core 0 starts
-// on its own rows before the worker has finished the rest).
+// as blc_gen_hist would count it. Counting is order-free, so each core
+// counts the rows it has just written, while they are in its cache, and
+// the two counts are added.
 void downscale_for_analysis(ctx* c, uint8_t* in_y, int32_t in_stride, bool histogram) {
     for (int i = 0; i < 2; ++i) {
         qimra_job& job = c->slot[i].job;
-        job.op = kOpDownscale4;
+        job.op = histogram ? kOpDownscaleCount : kOpDownscale4;
         job.core = i;
+        job.ctx = c;
         job.rs_src = in_y;
         job.rs_src_height = c->height;
         job.rs_src_width = c->width;
@@ -69,16 +64,27 @@ void downscale_for_analysis(ctx* c, uint8_t* in_y, int32_t in_stride, bool histo
         job.rs_dst_height = c->height >> 2;
         job.rs_dst_stride = c->width >> 2;
     }
-    if (!histogram) {
-        run_on_both_cores(c);
-        return;
-    }
-    memset(c->global_hist, 0, sizeof c->global_hist);
-    run_on_both_cores(c, count_core0_rows);
-    const int32_t w = c->width >> 2, h = c->height >> 2, split = reduced_split(c);
-    count_histogram(c->global_hist, c->ds_luma + static_cast<ptrdiff_t>(split) * w, w, w, h - split);
+    run_on_both_cores(c);
+    if (!histogram) return;
+    for (int i = 0; i < 256; ++i) c->global_hist[i] += c->region_hist[0][i];
+    const int32_t w = c->width >> 2, h = c->height >> 2;
     c->hist_pixel_count = static_cast<int32_t>(static_cast<uint32_t>(w) * static_cast<uint32_t>(h));
 }
+
+}  // namespace
+
+void downscale_and_count(qimra_job* job) {
+    ReSizeImage_downscale4_mc(job);
+    ctx* c = job->ctx;
+    const int32_t w = c->width >> 2, h = c->height >> 2, split = reduced_split(c);
+    uint32_t* bins = job->core == 0 ? c->global_hist : c->region_hist[0];
+    memset(bins, 0, sizeof c->global_hist);
+    const int32_t first = job->core == 0 ? 0 : split;
+    const int32_t rows = job->core == 0 ? split : h - split;
+    count_histogram(bins, c->ds_luma + static_cast<ptrdiff_t>(first) * w, w, w, rows);
+}
+
+namespace {
 
 int analyse_and_decide(ctx* c, segment* analysed) {
     for (int i = 0; i < 2; ++i) {
