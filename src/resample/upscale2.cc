@@ -41,7 +41,8 @@ void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint
     const bool disjoint = !ranges_overlap(dst0, 2 * sw, src0, sw) && !ranges_overlap(dst0, 2 * sw, src1, sw) &&
                           !ranges_overlap(dst1, 2 * sw, src0, sw) && !ranges_overlap(dst1, 2 * sw, src1, sw);
 #if QIMRA_UPSCALE2_SSE
-    if (disjoint) x = upscale2_rows_sse(src0, src1, dst0, dst1, w);
+    if (disjoint) x = cpu_has_avx2() ? upscale2_rows_avx2(src0, src1, dst0, dst1, w)
+                                     : upscale2_rows_sse(src0, src1, dst0, dst1, w);
 #else
     if (disjoint) x = upscale2_rows_neon(src0, src1, dst0, dst1, w);
 #endif

@@ -74,9 +74,10 @@ TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
     std::vector<std::pair<const char*, Form>> forms = {{"neon", upscale2_rows_neon}};
 #if QIMRA_UPSCALE2_SSE
     forms.emplace_back("sse", upscale2_rows_sse);
+    if (cpu_has_avx2()) forms.emplace_back("avx2", upscale2_rows_avx2);
 #endif
     for (const auto& [name, form] : forms)
-        for (int32_t w : {16, 17, 18, 31, 32, 33, 64, 97, 480}) {
+        for (int32_t w : {16, 17, 18, 31, 32, 33, 48, 49, 64, 65, 97, 480}) {
             std::vector<uint8_t> s0(w), s1(w);
             fill_random(s0.data(), w, 700 + w);
             fill_random(s1.data(), w, 900 + w);

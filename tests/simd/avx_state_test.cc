@@ -70,6 +70,16 @@ TEST_F(AvxState, ExportedFunctionsReturnWithCleanUpperHalves) {
     blc_self_guided_filter_1pass(a.data(), w, sum.data(), sq.data(), 8, 0.04f, b.data(), w, h, fb.data(), fa.data(),
                                  nullptr, nullptr);
     EXPECT_FALSE(upper_halves_in_use()) << "guided filter";
+    clean();
+    qimra_job job{};
+    job.rs_src = a.data();
+    job.rs_src_width = job.rs_src_stride = 75;  // 64 columns in wide steps, the rest in SSE and per pixel
+    job.rs_src_height = 8;
+    job.rs_dst = b.data();
+    job.rs_dst_width = job.rs_dst_stride = 150;
+    job.rs_dst_height = 16;
+    ReSizeImage_upscale2_mc(&job);
+    EXPECT_FALSE(upper_halves_in_use()) << "upscale by two";
 }
 
 // A whole enhanced frame, on the calling thread (core 0's share of every
