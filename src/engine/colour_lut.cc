@@ -79,7 +79,7 @@ void build_colour_lut_rows(const ColourLutInputs& in, int32_t first, int32_t las
 #if QIMRA_HAVE_NEON
     ColourLutVectorTables v;
     prepare_colour_lut_vector_tables(in, &v);
-#if QIMRA_COLOUR_LUT_AVX2
+#if QIMRA_X86_FORMS
     if (cpu_has_avx2()) {
         for (int32_t i = first; i <= last; ++i)
             colour_lut_row_avx2(in, v, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);

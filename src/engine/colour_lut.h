@@ -49,11 +49,8 @@ void colour_lut_row_neon(const ColourLutInputs& in, const ColourLutVectorTables&
 
 // x86-64: the same eight lanes wide in AVX2, where cpu_has_avx2().
 #if QIMRA_X86_FORMS
-#define QIMRA_COLOUR_LUT_AVX2 1
 void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i, uint16_t* row,
                          int32_t l_begin, int32_t l_end);
-#else
-#define QIMRA_COLOUR_LUT_AVX2 0
 #endif
 #endif
 

@@ -4,7 +4,7 @@
 // truncation plus the two fix-ups the saturating rule needs.
 #include "engine/colour_lut.h"
 
-#if QIMRA_COLOUR_LUT_AVX2
+#if QIMRA_X86_FORMS
 
 #include <immintrin.h>
 
@@ -77,4 +77,4 @@ QIMRA_AVX2 void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVe
 
 }  // namespace qimra
 
-#endif  // QIMRA_COLOUR_LUT_AVX2
+#endif  // QIMRA_X86_FORMS

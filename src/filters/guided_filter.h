@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "simd/neon.h"
+#include "simd/x86.h"
 
 namespace qimra {
 
@@ -57,8 +58,7 @@ int32_t self_guided_filter_1pass_neon(const uint8_t* src, const uint32_t* ii_sum
 // x86-64 has its own vector form (SSE4.1): translated, the NEON reciprocal
 // estimate and narrowings cost several times the arithmetic. Same groups,
 // same stores, same result.
-#if QIMRA_HAVE_NEON && defined(__SSE4_1__)
-#define QIMRA_GUIDED_FILTER_SSE 1
+#if QIMRA_X86_FORMS
 int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                      int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
 // The same, eight lanes wide; only where cpu_has_avx2().
@@ -67,8 +67,6 @@ int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint32_t* ii_sum
 // Sixteen lanes; only where cpu_has_avx512f().
 int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                         int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
-#else
-#define QIMRA_GUIDED_FILTER_SSE 0
 #endif
 
 }  // namespace qimra

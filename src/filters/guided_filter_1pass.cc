@@ -55,7 +55,7 @@ extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_strid
                                              int width, int height, float*, float*, uint32_t*, uint32_t*) {
     if (width <= 0 || height <= 0) return;
     int32_t done = 0;
-#if QIMRA_GUIDED_FILTER_SSE
+#if QIMRA_X86_FORMS
     if (qimra::cpu_has_avx512f())
         done = qimra::self_guided_filter_1pass_avx512(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
     else if (qimra::cpu_has_avx2())

@@ -3,12 +3,18 @@
 // translated NEON costs about 35 instructions a pixel here, most of them in
 // the lane-by-lane reciprocal estimate and in the widening and narrowing
 // shuffles; this form keeps every step in SSE4.1 registers. Where the
-// processor has AVX2, the same steps run eight lanes wide.
+// processor has AVX2 or AVX-512, the same steps run eight or sixteen lanes
+// wide over the start of each row.
+// GCC 12's AVX-512 intrinsics build their "undefined" pass-through operand
+// from an uninitialised variable, which the uninitialised-use warnings report once
+// they are inlined here; the value is never used.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 #include "filters/guided_filter.h"
 
-#if QIMRA_GUIDED_FILTER_SSE
+#if QIMRA_X86_FORMS
 
-#include <smmintrin.h>
+#include <immintrin.h>
 
 #include <cstddef>
 #include <cstring>
@@ -132,29 +138,29 @@ QIMRA_AVX2 inline __m128i filter_group8(const uint32_t* sum_top, const uint32_t*
     return _mm_unpacklo_epi32(_mm256_castsi256_si128(packed), _mm256_extracti128_si256(packed, 1));
 }
 
-}  // namespace
 
-int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
-                                     int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
-    const int32_t groups = width / 4;
-    if (groups <= 0 || height <= 0) return 0;
-    const auto [side, table_stride, below] = window_geometry(width, radius);
-    const Constants k{_mm_set1_ps(1.0f / static_cast<float>(side * side)), _mm_set1_ps(kInvSquared255),
-                      _mm_set1_ps(eps)};
-    const int32_t end = 4 * groups;
-    for (int32_t y = 0; y < height; ++y) {
-        const uint8_t* in = src + static_cast<ptrdiff_t>(y) * width;
-        uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
-        const uint32_t* sum_row = ii_sum + y * table_stride;
-        const uint32_t* sq_row = ii_sqsum + y * table_stride;
-        groups_from(0, end, in, out, sum_row, sq_row, below, side, k);
-    }
-    return end;
-}
+// One row of the filter as the wide steps see it.
+struct FilterRow {
+    const uint8_t* in;
+    uint8_t* out;
+    const uint32_t* sum;
+    const uint32_t* sq;
+    ptrdiff_t below;
+    int32_t side;
+    float inv_n;
+    float eps;
+    int32_t end;
+};
 
-QIMRA_AVX2 int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint32_t* ii_sum,
-                                                 const uint32_t* ii_sqsum, int32_t radius, float eps, uint8_t* dst,
-                                                 int32_t width, int32_t height) {
+// Wide steps over the start of a row; return the first column not done.
+// They are separate functions on purpose: the four-lane tail then runs
+// after the compiler has cleared the upper register halves on return (SSE
+// code meeting them dirty runs several times slower).
+using WideSteps = int32_t (*)(FilterRow);
+
+// Every x86 form: each row's wide steps, if any, then its groups of four.
+int32_t filter_rows(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum, int32_t radius, float eps,
+                    uint8_t* dst, int32_t width, int32_t height, WideSteps wide) {
     const int32_t groups = width / 4;
     if (groups <= 0 || height <= 0) return 0;
     const auto [side, table_stride, below] = window_geometry(width, radius);
@@ -162,25 +168,34 @@ QIMRA_AVX2 int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint3
     const Constants k{_mm_set1_ps(inv_n), _mm_set1_ps(kInvSquared255), _mm_set1_ps(eps)};
     const int32_t end = 4 * groups;
     for (int32_t y = 0; y < height; ++y) {
-        const uint8_t* in = src + static_cast<ptrdiff_t>(y) * width;
-        uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
-        const uint32_t* sum_row = ii_sum + y * table_stride;
-        const uint32_t* sq_row = ii_sqsum + y * table_stride;
-        int32_t x = 0;
-        // Two groups per step, as in the four-lane form, then the zeros the
-        // second group's store would leave.
-        for (; x + 8 <= end; x += 8) {
-            store8(out + x, filter_group8(sum_row + x, sq_row + x, below, side, in + x, inv_n, eps));
-            std::memset(out + x + 8, 0, 4);
-        }
-        groups_from(x, end, in, out, sum_row, sq_row, below, side, k);
+        const FilterRow r{src + static_cast<ptrdiff_t>(y) * width,
+                          dst + static_cast<ptrdiff_t>(y) * width,
+                          ii_sum + y * table_stride,
+                          ii_sqsum + y * table_stride,
+                          below,
+                          side,
+                          inv_n,
+                          eps,
+                          end};
+        groups_from(wide != nullptr ? wide(r) : 0, end, r.in, r.out, r.sum, r.sq, below, side, k);
     }
     return end;
 }
 
+// Two groups per step, as in the four-lane form, then the zeros the second
+// group's store would leave.
+// (The row is taken by value: the byte stores could otherwise alias it.)
+[[gnu::noinline]] QIMRA_AVX2 int32_t avx2_steps(const FilterRow r) {
+    int32_t x = 0;
+    for (; x + 8 <= r.end; x += 8) {
+        store8(r.out + x, filter_group8(r.sum + x, r.sq + x, r.below, r.side, r.in + x, r.inv_n, r.eps));
+        std::memset(r.out + x + 8, 0, 4);
+    }
+    return x;
+}
+
 #define QIMRA_AVX512 __attribute__((target("avx512f")))
 
-namespace {
 
 QIMRA_AVX512 inline __m512i window_sum16(const uint32_t* top, ptrdiff_t below, int32_t side) {
     const uint32_t* bottom = top + below;
@@ -208,34 +223,34 @@ QIMRA_AVX512 inline __m128i filter_group16(const uint32_t* sum_top, const uint32
     return _mm512_cvtepi32_epi8(_mm512_cvttps_epu32(positive));
 }
 
+// Four groups per step; the zeros after the last group's results as its
+// own store would leave them.
+[[gnu::noinline]] QIMRA_AVX512 int32_t avx512_steps(const FilterRow r) {
+    const __m512 inv_n = _mm512_set1_ps(r.inv_n), eps = _mm512_set1_ps(r.eps);
+    int32_t x = 0;
+    for (; x + 16 <= r.end; x += 16) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(r.out + x),
+                         filter_group16(r.sum + x, r.sq + x, r.below, r.side, r.in + x, inv_n, eps));
+        std::memset(r.out + x + 16, 0, 4);
+    }
+    return x;
+}
+
 }  // namespace
 
-QIMRA_AVX512 int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const uint32_t* ii_sum,
-                                                     const uint32_t* ii_sqsum, int32_t radius, float eps,
-                                                     uint8_t* dst, int32_t width, int32_t height) {
-    const int32_t groups = width / 4;
-    if (groups <= 0 || height <= 0) return 0;
-    const auto [side, table_stride, below] = window_geometry(width, radius);
-    const float inv_n = 1.0f / static_cast<float>(side * side);
-    const __m512 k_inv_n = _mm512_set1_ps(inv_n), k_eps = _mm512_set1_ps(eps);
-    const Constants k{_mm_set1_ps(inv_n), _mm_set1_ps(kInvSquared255), _mm_set1_ps(eps)};
-    const int32_t end = 4 * groups;
-    for (int32_t y = 0; y < height; ++y) {
-        const uint8_t* in = src + static_cast<ptrdiff_t>(y) * width;
-        uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
-        const uint32_t* sum_row = ii_sum + y * table_stride;
-        const uint32_t* sq_row = ii_sqsum + y * table_stride;
-        int32_t x = 0;
-        // Four groups per step; the zeros after the last group's results
-        // as its own store would leave them.
-        for (; x + 16 <= end; x += 16) {
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + x),
-                             filter_group16(sum_row + x, sq_row + x, below, side, in + x, k_inv_n, k_eps));
-            std::memset(out + x + 16, 0, 4);
-        }
-        groups_from(x, end, in, out, sum_row, sq_row, below, side, k);
-    }
-    return end;
+int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                     int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
+    return filter_rows(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, nullptr);
+}
+
+int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                      int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
+    return filter_rows(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, avx2_steps);
+}
+
+int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                        int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
+    return filter_rows(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, avx512_steps);
 }
 
 }  // namespace qimra

@@ -46,7 +46,7 @@ void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t
     s += border > 0 ? border : 0;
     q += border > 0 ? border : 0;
     int32_t x = 0;
-#if QIMRA_INTEGRAL_SSE
+#if QIMRA_X86_FORMS
     x = integral_row_sse(row, width, s, q, up, run);
 #elif QIMRA_HAVE_NEON
     x = integral_row_neon(row, width, s, q, up, run);

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "simd/neon.h"
+#include "simd/x86.h"
 
 namespace qimra {
 
@@ -39,11 +40,8 @@ int32_t integral_row_neon(const uint8_t* row, int32_t width, uint32_t* sum, uint
 
 // x86-64: the same steps in SSE4.1 (the translated NEON form is barely
 // faster than the per-pixel loop there).
-#if QIMRA_HAVE_NEON && defined(__SSE4_1__)
-#define QIMRA_INTEGRAL_SSE 1
+#if QIMRA_X86_FORMS
 int32_t integral_row_sse(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run);
-#else
-#define QIMRA_INTEGRAL_SSE 0
 #endif
 
 }  // namespace qimra

@@ -3,7 +3,7 @@
 // cost several shuffles each; here a broadcast is one pshufd.
 #include "filters/integral_image.h"
 
-#if QIMRA_INTEGRAL_SSE
+#if QIMRA_X86_FORMS
 
 #include <smmintrin.h>
 
@@ -48,4 +48,4 @@ int32_t integral_row_sse(const uint8_t* row, int32_t width, uint32_t* sum, uint3
 
 }  // namespace qimra
 
-#endif  // QIMRA_INTEGRAL_SSE
+#endif  // QIMRA_X86_FORMS

@@ -52,10 +52,8 @@ void scale_uv_nv_c(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, i
 
 extern "C" void blc_scale_uv_planar(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                                     const uint8_t* gain, int width, int height) {
-#if QIMRA_SCALE_UV_SSE
-#if QIMRA_SCALE_UV_AVX2
+#if QIMRA_X86_FORMS
     if (qimra::cpu_has_avx2()) return qimra::scale_uv_planar_avx2(in_u, in_v, out_u, out_v, gain, width, height);
-#endif
     qimra::scale_uv_planar_sse(in_u, in_v, out_u, out_v, gain, width, height);
 #elif QIMRA_HAVE_NEON
     qimra::scale_uv_planar_neon(in_u, in_v, out_u, out_v, gain, width, height);
@@ -66,10 +64,8 @@ extern "C" void blc_scale_uv_planar(const uint8_t* in_u, const uint8_t* in_v, ui
 
 extern "C" void blc_scale_uv_nv(const uint8_t* in_uv, const uint8_t*, uint8_t* out_uv, uint8_t*,
                                 const uint8_t* gain, int width, int height) {
-#if QIMRA_SCALE_UV_SSE
-#if QIMRA_SCALE_UV_AVX2
+#if QIMRA_X86_FORMS
     if (qimra::cpu_has_avx2()) return qimra::scale_uv_nv_avx2(in_uv, out_uv, gain, width, height);
-#endif
     qimra::scale_uv_nv_sse(in_uv, out_uv, gain, width, height);
 #elif QIMRA_HAVE_NEON
     qimra::scale_uv_nv_neon(in_uv, out_uv, gain, width, height);

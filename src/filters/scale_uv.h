@@ -38,24 +38,15 @@ void scale_uv_nv_neon(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain
 #endif
 
 // x86-64 has its own vector form: translated, the NEON widening and
-// narrowing of 8-lane halves costs several shuffles each.
-#if QIMRA_HAVE_NEON && defined(__SSE2__)
-#define QIMRA_SCALE_UV_SSE 1
+// narrowing of 8-lane halves costs several shuffles each. The AVX2 forms
+// (only where cpu_has_avx2()) take 32-byte steps and finish as the SSE ones.
+#if QIMRA_X86_FORMS
 void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                          const uint8_t* gain, int32_t width, int32_t height);
 void scale_uv_nv_sse(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
-#else
-#define QIMRA_SCALE_UV_SSE 0
-#endif
-
-// The same with 32-byte steps where cpu_has_avx2(), the rest as above.
-#if QIMRA_SCALE_UV_SSE && QIMRA_X86_FORMS
-#define QIMRA_SCALE_UV_AVX2 1
 void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                           const uint8_t* gain, int32_t width, int32_t height);
 void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
-#else
-#define QIMRA_SCALE_UV_AVX2 0
 #endif
 
 }  // namespace qimra

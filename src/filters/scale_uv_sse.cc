@@ -5,7 +5,7 @@
 // VQRSHRUN.
 #include "filters/scale_uv.h"
 
-#if QIMRA_SCALE_UV_SSE
+#if QIMRA_X86_FORMS
 
 #include <immintrin.h>
 
@@ -64,22 +64,12 @@ void nv_from(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, std::si
     }
 }
 
-}  // namespace
-
-void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                         const uint8_t* gain, int32_t width, int32_t height) {
-    planar_from(in_u, in_v, out_u, out_v, gain, 0, 8 * scale_uv_groups(width, height));
-}
-
-void scale_uv_nv_sse(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height) {
-    nv_from(in_uv, out_uv, gain, 0, 8 * scale_uv_groups(width, height));
-}
-
-#if QIMRA_SCALE_UV_AVX2
-namespace {
-
 // The AVX2 steps: the same lane arithmetic on 32 bytes. Unpacking and
-// packing work within each 128-bit half, so the byte order survives.
+// packing work within each 128-bit half, so the byte order survives. Each
+// returns the first pair it did not do and leaves the SSE tail to its
+// caller: the compiler clears the upper register halves on return, whereas
+// SSE code run inside an AVX function (or tail-called from it) would find
+// them dirty and run several times slower, as would everything after it.
 #define QIMRA_AVX2 __attribute__((target("avx2")))
 
 // (c - 128) * g + 4096, rounded and shifted by 5, on 16-bit lanes.
@@ -103,33 +93,45 @@ QIMRA_AVX2 inline __m256i doubled(const uint8_t* gain) {
     return _mm256_mullo_epi16(_mm256_cvtepu8_epi16(load16(gain)), _mm256_set1_epi16(0x0101));
 }
 
-}  // namespace
-
-QIMRA_AVX2 void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                                     const uint8_t* gain, int32_t width, int32_t height) {
-    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+[[gnu::noinline]] QIMRA_AVX2 std::size_t planar_avx2_steps(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u,
+                                                           uint8_t* out_v, const uint8_t* gain, std::size_t pairs) {
     std::size_t i = 0;
     for (; i + 32 <= pairs; i += 32) {
         const __m256i g = load32(gain + i);
         store32(out_u + i, scale16x32(load32(in_u + i), g));
         store32(out_v + i, scale16x32(load32(in_v + i), g));
     }
-    // The tail runs legacy SSE code: clear the upper halves first, or every
-    // SSE instruction after this (here and in the caller) pays for the
-    // dirty AVX state. The compiler does not do it before a tail call.
-    _mm256_zeroupper();
-    planar_from(in_u, in_v, out_u, out_v, gain, i, pairs);
+    return i;
 }
 
-QIMRA_AVX2 void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width,
-                                 int32_t height) {
-    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+[[gnu::noinline]] QIMRA_AVX2 std::size_t nv_avx2_steps(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain,
+                                                       std::size_t pairs) {
     std::size_t i = 0;
     for (; i + 16 <= pairs; i += 16) store32(out_uv + 2 * i, scale16x32(load32(in_uv + 2 * i), doubled(gain + i)));
-    _mm256_zeroupper();  // as above
-    nv_from(in_uv, out_uv, gain, i, pairs);
+    return i;
 }
-#endif  // QIMRA_SCALE_UV_AVX2
+
+}  // namespace
+
+void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                         const uint8_t* gain, int32_t width, int32_t height) {
+    planar_from(in_u, in_v, out_u, out_v, gain, 0, 8 * scale_uv_groups(width, height));
+}
+
+void scale_uv_nv_sse(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height) {
+    nv_from(in_uv, out_uv, gain, 0, 8 * scale_uv_groups(width, height));
+}
+
+void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                          const uint8_t* gain, int32_t width, int32_t height) {
+    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+    planar_from(in_u, in_v, out_u, out_v, gain, planar_avx2_steps(in_u, in_v, out_u, out_v, gain, pairs), pairs);
+}
+
+void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height) {
+    const std::size_t pairs = 8 * scale_uv_groups(width, height);
+    nv_from(in_uv, out_uv, gain, nv_avx2_steps(in_uv, out_uv, gain, pairs), pairs);
+}
 
 }  // namespace qimra
 

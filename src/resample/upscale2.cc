@@ -40,7 +40,7 @@ void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint
     const std::size_t sw = static_cast<std::size_t>(w);
     const bool disjoint = !ranges_overlap(dst0, 2 * sw, src0, sw) && !ranges_overlap(dst0, 2 * sw, src1, sw) &&
                           !ranges_overlap(dst1, 2 * sw, src0, sw) && !ranges_overlap(dst1, 2 * sw, src1, sw);
-#if QIMRA_UPSCALE2_SSE
+#if QIMRA_X86_FORMS
     if (disjoint) x = cpu_has_avx2() ? upscale2_rows_avx2(src0, src1, dst0, dst1, w)
                                      : upscale2_rows_sse(src0, src1, dst0, dst1, w);
 #else

@@ -26,12 +26,9 @@ int32_t upscale2_rows_neon(const uint8_t* src0, const uint8_t* src1, uint8_t* ds
 // x86-64 has its own form of the same steps (SSE2): translated, the NEON
 // form's widening multiplies and interleaving store cost several shuffles.
 #if QIMRA_X86_FORMS
-#define QIMRA_UPSCALE2_SSE 1
 int32_t upscale2_rows_sse(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
 // 32 columns a step where cpu_has_avx2(), then the SSE steps.
 int32_t upscale2_rows_avx2(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
-#else
-#define QIMRA_UPSCALE2_SSE 0
 #endif
 
 // One row pair, vector form where it applies.

@@ -1,7 +1,11 @@
 // Which x86 vector forms this build carries and which the processor runs.
-// The baseline build targets SSE4.1 (x86-64-v2); wider forms are compiled per function
-// (target attributes) and chosen at run time, so one library serves every
-// x86-64 machine and picks the fastest form it can execute.
+// QIMRA_X86_FORMS is the one switch for every kernel's x86 forms: the
+// baseline build targets SSE4.1 (x86-64-v2), and the wider forms are
+// compiled per function (target attributes) and chosen at run time, so one
+// library serves every x86-64 machine with the fastest form it can execute.
+// A wide form hands its remainder back to its caller rather than running
+// SSE code itself: the compiler clears the upper register halves on return,
+// and SSE code that meets them dirty runs several times slower.
 #pragma once
 
 #include "simd/neon.h"

@@ -250,7 +250,7 @@ TEST(ColourLut, VectorRowMatchesPerPixelRow) {
                 colour_lut_row_c(in, i, expect.data(), begin, end);
                 colour_lut_row_neon(in, v, i, got.data(), begin, end);
                 ASSERT_EQ(got, expect) << "row " << i << " entries " << begin << ".." << end << " seed " << seed;
-#if QIMRA_COLOUR_LUT_AVX2
+#if QIMRA_X86_FORMS
                 if (cpu_has_avx2()) {
                     std::vector<uint16_t> wide(end, 0x5A5A);
                     colour_lut_row_avx2(in, v, i, wide.data(), begin, end);

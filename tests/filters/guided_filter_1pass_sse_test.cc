@@ -16,7 +16,7 @@
 #include "simd/x86.h"
 #include "support/engine_helpers.h"
 
-#if QIMRA_GUIDED_FILTER_SSE
+#if QIMRA_X86_FORMS
 
 namespace qimra::test {
 namespace {

@@ -173,7 +173,7 @@ TEST(IntegralRow, VectorFormMatchesPerPixelForm) {
             integral_row_c(row.data(), w, want_sum.data() + w, want_sq.data() + w, up, want);
             using Form = int32_t (*)(const uint8_t*, int32_t, uint32_t*, uint32_t*, ptrdiff_t, RowRun&);
             std::vector<std::pair<const char*, Form>> forms = {{"neon", integral_row_neon}};
-#if QIMRA_INTEGRAL_SSE
+#if QIMRA_X86_FORMS
             forms.emplace_back("sse", integral_row_sse);
 #endif
             for (const auto& [name, form] : forms) {

@@ -50,10 +50,8 @@ const Form kForms[] = {
 #if QIMRA_HAVE_NEON
     {"neon", scale_uv_planar_neon, scale_uv_nv_neon},
 #endif
-#if QIMRA_SCALE_UV_SSE
+#if QIMRA_X86_FORMS
     {"sse", scale_uv_planar_sse, scale_uv_nv_sse},
-#endif
-#if QIMRA_SCALE_UV_AVX2
     {"avx2", scale_uv_planar_avx2, scale_uv_nv_avx2},
 #endif
 };

@@ -72,7 +72,7 @@ TEST(Upscale2Rows, VectorFormMatchesPerPixelForm) {
 TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
     using Form = int32_t (*)(const uint8_t*, const uint8_t*, uint8_t*, uint8_t*, int32_t);
     std::vector<std::pair<const char*, Form>> forms = {{"neon", upscale2_rows_neon}};
-#if QIMRA_UPSCALE2_SSE
+#if QIMRA_X86_FORMS
     forms.emplace_back("sse", upscale2_rows_sse);
     if (cpu_has_avx2()) forms.emplace_back("avx2", upscale2_rows_avx2);
 #endif
