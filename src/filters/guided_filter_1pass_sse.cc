@@ -139,59 +139,75 @@ QIMRA_AVX2 inline __m128i filter_group8(const uint32_t* sum_top, const uint32_t*
 }
 
 
-// One row of the filter as the wide steps see it.
+// One row of the filter.
 struct FilterRow {
     const uint8_t* in;
     uint8_t* out;
     const uint32_t* sum;
     const uint32_t* sq;
+};
+
+// The whole image as every form walks it.
+struct FilterImage {
+    const uint8_t* src;
+    uint8_t* dst;
+    const uint32_t* ii_sum;
+    const uint32_t* ii_sqsum;
+    int32_t width;
+    int32_t height;
+    ptrdiff_t table_stride;
     ptrdiff_t below;
     int32_t side;
     float inv_n;
     float eps;
-    int32_t end;
+    int32_t end;  // columns in whole groups of four
+    Constants k;
+
+    FilterRow row(int32_t y) const {
+        return {src + static_cast<ptrdiff_t>(y) * width, dst + static_cast<ptrdiff_t>(y) * width,
+                ii_sum + y * table_stride, ii_sqsum + y * table_stride};
+    }
+    void groups_of_four_from(int32_t x, const FilterRow& r) const {
+        groups_from(x, end, r.in, r.out, r.sum, r.sq, below, side, k);
+    }
 };
 
-// Wide steps over the start of a row; return the first column not done.
-// They are separate functions on purpose: the four-lane tail then runs
-// after the compiler has cleared the upper register halves on return (SSE
-// code meeting them dirty runs several times slower).
-using WideSteps = int32_t (*)(FilterRow);
+// A form's pass over the image: per row, wide steps, then the groups of
+// four. A wide form is a function of its own, so that its four-lane tail
+// is compiled with the wide encoding and the compiler clears the upper
+// register halves when it returns to plain SSE code.
+// (The image is passed by value: the byte stores could otherwise alias it.)
+using Form = void (*)(FilterImage);
 
-// Every x86 form: each row's wide steps, if any, then its groups of four.
-int32_t filter_rows(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum, int32_t radius, float eps,
-                    uint8_t* dst, int32_t width, int32_t height, WideSteps wide) {
+void sse_rows(const FilterImage im) {
+    for (int32_t y = 0; y < im.height; ++y) im.groups_of_four_from(0, im.row(y));
+}
+
+int32_t filter_image(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum, int32_t radius, float eps,
+                     uint8_t* dst, int32_t width, int32_t height, Form form) {
     const int32_t groups = width / 4;
     if (groups <= 0 || height <= 0) return 0;
     const auto [side, table_stride, below] = window_geometry(width, radius);
     const float inv_n = 1.0f / static_cast<float>(side * side);
-    const Constants k{_mm_set1_ps(inv_n), _mm_set1_ps(kInvSquared255), _mm_set1_ps(eps)};
-    const int32_t end = 4 * groups;
-    for (int32_t y = 0; y < height; ++y) {
-        const FilterRow r{src + static_cast<ptrdiff_t>(y) * width,
-                          dst + static_cast<ptrdiff_t>(y) * width,
-                          ii_sum + y * table_stride,
-                          ii_sqsum + y * table_stride,
-                          below,
-                          side,
-                          inv_n,
-                          eps,
-                          end};
-        groups_from(wide != nullptr ? wide(r) : 0, end, r.in, r.out, r.sum, r.sq, below, side, k);
-    }
-    return end;
+    const FilterImage im{src,   dst,   ii_sum,  ii_sqsum, width,      height,
+                         table_stride, below, side, inv_n, eps, 4 * groups,
+                         {_mm_set1_ps(inv_n), _mm_set1_ps(kInvSquared255), _mm_set1_ps(eps)}};
+    form(im);
+    return im.end;
 }
 
 // Two groups per step, as in the four-lane form, then the zeros the second
 // group's store would leave.
-// (The row is taken by value: the byte stores could otherwise alias it.)
-[[gnu::noinline]] QIMRA_AVX2 int32_t avx2_steps(const FilterRow r) {
-    int32_t x = 0;
-    for (; x + 8 <= r.end; x += 8) {
-        store8(r.out + x, filter_group8(r.sum + x, r.sq + x, r.below, r.side, r.in + x, r.inv_n, r.eps));
-        std::memset(r.out + x + 8, 0, 4);
+[[gnu::noinline]] QIMRA_AVX2 void avx2_rows(const FilterImage im) {
+    for (int32_t y = 0; y < im.height; ++y) {
+        const FilterRow r = im.row(y);
+        int32_t x = 0;
+        for (; x + 8 <= im.end; x += 8) {
+            store8(r.out + x, filter_group8(r.sum + x, r.sq + x, im.below, im.side, r.in + x, im.inv_n, im.eps));
+            std::memset(r.out + x + 8, 0, 4);
+        }
+        im.groups_of_four_from(x, r);
     }
-    return x;
 }
 
 #define QIMRA_AVX512 __attribute__((target("avx512f")))
@@ -225,32 +241,35 @@ QIMRA_AVX512 inline __m128i filter_group16(const uint32_t* sum_top, const uint32
 
 // Four groups per step; the zeros after the last group's results as its
 // own store would leave them.
-[[gnu::noinline]] QIMRA_AVX512 int32_t avx512_steps(const FilterRow r) {
-    const __m512 inv_n = _mm512_set1_ps(r.inv_n), eps = _mm512_set1_ps(r.eps);
-    int32_t x = 0;
-    for (; x + 16 <= r.end; x += 16) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(r.out + x),
-                         filter_group16(r.sum + x, r.sq + x, r.below, r.side, r.in + x, inv_n, eps));
-        std::memset(r.out + x + 16, 0, 4);
+[[gnu::noinline]] QIMRA_AVX512 void avx512_rows(const FilterImage im) {
+    const __m512 inv_n = _mm512_set1_ps(im.inv_n), eps = _mm512_set1_ps(im.eps);
+    for (int32_t y = 0; y < im.height; ++y) {
+        const FilterRow r = im.row(y);
+        int32_t x = 0;
+        for (; x + 16 <= im.end; x += 16) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(r.out + x),
+                             filter_group16(r.sum + x, r.sq + x, im.below, im.side, r.in + x, inv_n, eps));
+            std::memset(r.out + x + 16, 0, 4);
+        }
+        im.groups_of_four_from(x, r);
     }
-    return x;
 }
 
 }  // namespace
 
 int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                      int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
-    return filter_rows(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, nullptr);
+    return filter_image(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, sse_rows);
 }
 
 int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                       int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
-    return filter_rows(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, avx2_steps);
+    return filter_image(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, avx2_rows);
 }
 
 int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                         int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height) {
-    return filter_rows(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, avx512_steps);
+    return filter_image(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, avx512_rows);
 }
 
 }  // namespace qimra
