@@ -5,7 +5,7 @@ TEST_PRESETS ?= host host-asan host-tsan armhf
 ALL_PRESETS := host host-scalar host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media demo bench bench-armhf bench-instructions test $(addprefix test-,$(ALL_PRESETS)) clean
+.PHONY: all build setup media demo bench bench-armhf bench-instructions mutate test $(addprefix test-,$(ALL_PRESETS)) clean
 
 all: build
 
@@ -79,3 +79,9 @@ soak: build media
 FUZZ_SECONDS ?= 60
 fuzz: setup media
 	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) scripts/fuzz
+
+# make mutate: plants each single-line fault of scripts/mutations.txt into a
+# scratch copy (out/mutate/tree), rebuilds the host preset and runs the suite
+# to its first failure; prints each fault caught or missed and the total.
+mutate: setup media
+	@scripts/mutate
