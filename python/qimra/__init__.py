@@ -29,8 +29,6 @@ FORMATS = ("i420", "yv12", "nv12", "nv21")
 class Engine(_qimra.Engine):
     """An enhancement engine for frames of one size and layout.
 
-    Engine(width, height, *, mode="adaptive", format="i420", gamma=0.5)
-
     width, height: any even frame size up to 16384.
     mode: "adaptive" enhances frames when the analysis calls for it, the tone
         curve following the scene; "fixed" enhances every frame with a tone
