@@ -11,6 +11,7 @@
 
 #include <qimra/qimra.hpp>
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -203,10 +204,13 @@ public:
         qimra::detail::check_dimension("width", width);
         qimra::detail::check_dimension("height", height);
         engine_.emplace(static_cast<int>(width), static_cast<int>(height), static_cast<float>(gamma), mode_, format_);
+        width_ = engine_->width();
+        height_ = engine_->height();
+        gamma_ = engine_->gamma();
     }
 
     py::object process(const py::object& frame, const py::object& out) {
-        const Parser parser(width(), height(), format_);
+        const Parser parser(width(), height(), format_);  // raises when closed
         const Frame in = parser.parse(frame, "input");
         const py::object result = out.is_none() ? Parser::allocate_like(frame) : out;
         const Frame dst = parser.parse(result, "output");
@@ -228,24 +232,37 @@ public:
         py::gil_scoped_release unlocked;
         std::lock_guard<std::mutex> lock(busy_);
         engine_.reset();
+        closed_ = true;
     }
 
-    bool closed() const { return !engine_; }
-    int width() { return live().width(); }
-    int height() { return live().height(); }
-    float gamma() { return live().gamma(); }
+    // The properties are read without the lock, so they never touch the
+    // engine another thread may be closing.
+    bool closed() const { return closed_; }
+    int width() const { return open(width_); }
+    int height() const { return open(height_); }
+    float gamma() const { return open(gamma_); }
     const char* mode() const { return mode_name(mode_); }
     const char* format() const { return qimra::format_name(format_); }
 
 private:
+    template <class T>
+    T open(T value) const {
+        if (closed_) throw Error("qimra: this engine is closed; create a new qimra.Engine to process more frames");
+        return value;
+    }
+    // Under the lock: closed_ and engine_ change together in close().
     qimra::Engine& live() {
-        if (!engine_) throw Error("qimra: this engine is closed; create a new qimra.Engine to process more frames");
+        open(0);
         return *engine_;
     }
 
     Mode mode_;
     ColourFormat format_;
+    int width_ = 0;
+    int height_ = 0;
+    float gamma_ = 0.0f;
     std::optional<qimra::Engine> engine_;
+    std::atomic<bool> closed_{false};
     std::mutex busy_;
 };
 
