@@ -71,11 +71,16 @@ public:
 
     // A new array, or tuple of arrays, of the same shapes as `frame`.
     static py::object allocate_like(const py::handle& frame) {
-        if (py::isinstance<py::array>(frame)) return fresh(py::reinterpret_borrow<py::array>(frame));
-        py::tuple src(py::reinterpret_borrow<py::sequence>(frame));
-        py::tuple out(src.size());
-        for (size_t i = 0; i < src.size(); ++i) out[i] = fresh(py::reinterpret_borrow<py::array>(src[i]));
-        return out;
+        try {
+            if (py::isinstance<py::array>(frame)) return fresh(py::reinterpret_borrow<py::array>(frame));
+            py::tuple src(py::reinterpret_borrow<py::sequence>(frame));
+            py::tuple out(src.size());
+            for (size_t i = 0; i < src.size(); ++i) out[i] = fresh(py::reinterpret_borrow<py::array>(src[i]));
+            return out;
+        } catch (py::error_already_set& e) {
+            if (!e.matches(PyExc_MemoryError)) throw;
+            throw Error("qimra: out of memory for the new output frame; free memory or pass out= to reuse one");
+        }
     }
 
 private:
