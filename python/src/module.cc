@@ -45,28 +45,26 @@ ColourFormat parse_format(const std::string& s) {
     throw Error("qimra: format '" + s + "' is unknown; use 'i420', 'yv12', 'nv12' or 'nv21'");
 }
 
-std::string shape_text(const py::array& a) {
+// An array's shape or strides as Python prints them.
+std::string tuple_text(const py::array& a, const py::ssize_t* values) {
     std::string s = "(";
-    for (py::ssize_t k = 0; k < a.ndim(); ++k) s += (k ? ", " : "") + std::to_string(a.shape(k));
+    for (py::ssize_t k = 0; k < a.ndim(); ++k) s += (k ? ", " : "") + std::to_string(values[k]);
     return s + (a.ndim() == 1 ? ",)" : ")");
 }
-
-// A frame as the C++ layer takes it, with the arrays it points into.
-struct Frame {
-    qimra::FrameView view;
-    bool planes = false;  // given as a tuple of planes rather than one array
-};
+std::string shape_text(const py::array& a) { return tuple_text(a, a.shape()); }
+std::string strides_text(const py::array& a) { return tuple_text(a, a.strides()); }
 
 class Parser {
 public:
     Parser(int width, int height, ColourFormat format) : w_(width), h_(height), format_(format) {}
 
-    // `role` is "input" or "output"; outputs must be writable.
-    Frame parse(const py::handle& obj, const char* role) const {
+    // Plane views into the caller's arrays. `role` is "input" or "output";
+    // outputs must be writable.
+    qimra::FrameView parse(const py::handle& obj, const char* role) const {
         const bool writable = std::string(role) == "output";
         if (py::isinstance<py::tuple>(obj) || py::isinstance<py::list>(obj))
-            return {planes_of(py::reinterpret_borrow<py::sequence>(obj), role, writable), true};
-        return {whole(array_of(obj, std::string("the ") + role + " frame", writable), role), false};
+            return planes_of(py::reinterpret_borrow<py::sequence>(obj), role, writable);
+        return whole(array_of(obj, std::string("the ") + role + " frame", writable), role);
     }
 
     // A new array, or tuple of arrays, of the same shapes as `frame`.
@@ -90,7 +88,8 @@ private:
 
     static py::array array_of(const py::handle& obj, const std::string& what, bool writable) {
         if (!py::isinstance<py::array>(obj))
-            throw Error("qimra: " + what + " is a " + std::string(py::str(py::type::handle_of(obj).attr("__name__"))) +
+            throw Error("qimra: " + what + " is of type " +
+                        std::string(py::str(py::type::handle_of(obj).attr("__name__"))) +
                         "; it must be a numpy uint8 array (or, for a frame, a tuple of plane arrays)");
         auto a = py::reinterpret_borrow<py::array>(obj);
         if (a.dtype().kind() != 'u' || a.itemsize() != 1)
@@ -138,12 +137,6 @@ private:
                         std::to_string(row_bytes) + " bytes apart, in increasing order");
         const size_t extent = static_cast<size_t>(stride) * (rows - 1) + row_bytes;
         return {{data_of(a), extent}, stride};
-    }
-
-    static std::string strides_text(const py::array& a) {
-        std::string s = "(";
-        for (py::ssize_t k = 0; k < a.ndim(); ++k) s += (k ? ", " : "") + std::to_string(a.strides(k));
-        return s + (a.ndim() == 1 ? ",)" : ")");
     }
 
     bool planar() const { return qimra::is_planar(format_); }
@@ -216,13 +209,19 @@ public:
 
     py::object process(const py::object& frame, const py::object& out) {
         const Parser parser(width(), height(), format_);  // raises when closed
-        const Frame in = parser.parse(frame, "input");
-        const py::object result = out.is_none() ? Parser::allocate_like(frame) : out;
-        const Frame dst = parser.parse(result, "output");
+        // These hold the arrays behind both views while the GIL is released;
+        // a list of planes is held as a tuple, which no other thread can
+        // empty meanwhile.
+        const py::object src = pinned(frame);
+        const qimra::FrameView in = parser.parse(src, "input");
+        // Only a frame that parsed is an array or a tuple of arrays to copy the shapes of.
+        const py::object result = out.is_none() ? Parser::allocate_like(src) : out;
+        const py::object dst_planes = pinned(result);
+        const qimra::FrameView dst = parser.parse(dst_planes, "output");
         {
             py::gil_scoped_release unlocked;
             std::lock_guard<std::mutex> lock(busy_);
-            live().process(in.view, dst.view);
+            live().process(in, dst);
         }
         return result;
     }
@@ -250,6 +249,8 @@ public:
     const char* format() const { return qimra::format_name(format_); }
 
 private:
+    static py::object pinned(const py::object& o) { return py::isinstance<py::list>(o) ? py::tuple(o) : o; }
+
     template <class T>
     T open(T value) const {
         if (closed_) throw Error("qimra: this engine is closed; create a new qimra.Engine to process more frames");

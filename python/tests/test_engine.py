@@ -84,7 +84,7 @@ def test_bit_exact_to_the_tool(tool, tmp_path, name, w, h, cw, ch, mode, fmt):
     expected = np.fromfile(tmp_path / "out.yuv", np.uint8)
     assert not np.array_equal(expected, frame) or mode == "adaptive"
     for how, got in each_way(frame, cw, ch, fmt, mode):
-        assert np.array_equal(got, expected), f"{how} differs from the tool in {np.count_nonzero(got != expected)} bytes"
+        assert np.array_equal(got, expected), f"{how}: {np.count_nonzero(got != expected)} bytes differ from the tool"
 
 
 def clip_frame(bright, backlit, n):
@@ -135,8 +135,8 @@ def process(frame, out=None):
     bad(lambda: process(np.zeros((H * 3 // 2, 2 * W), np.uint8)[:, ::2]), "strides \\(128, 2\\)"),
     bad(lambda: process(GOOD[::-1]), "rows must lie at least 64 bytes apart"),
     bad(lambda: process(np.zeros((H * 3 // 2, W + 8), np.uint8)[:, :W]), "planar frame in one array must be packed"),
-    bad(lambda: process([1, 2, 3]), "input y plane is a int"),
-    bad(lambda: process("frame"), "input frame is a str"),
+    bad(lambda: process([1, 2, 3]), "input y plane is of type int"),
+    bad(lambda: process("frame"), "input frame is of type str"),
     bad(lambda: process(qimra.planes(GOOD, W, H)[:2]), "sequence of 2 planes; i420 takes 3"),
     bad(lambda: process(GOOD, out=np.broadcast_to(GOOD, GOOD.shape)), "output frame is read-only"),
     bad(lambda: process(GOOD, out=(lambda y, u, v: (y, u, u))(*qimra.planes(GOOD.copy(), W, H))), "overlap"),
@@ -215,7 +215,8 @@ def test_other_threads_run_while_a_frame_is_processed():
             stamps.append(time.perf_counter())
             time.sleep(0.0001)
 
-    old, thread, frame, windows = sys.getswitchinterval(), threading.Thread(target=ticker), np.full(3110400, 20, np.uint8), []
+    old, thread, windows = sys.getswitchinterval(), threading.Thread(target=ticker), []
+    frame = np.full(1920 * 1080 * 3 // 2, 20, np.uint8)
     sys.setswitchinterval(1.0)
     thread.start()
     try:

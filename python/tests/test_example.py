@@ -17,11 +17,12 @@ def test_example_enhances_the_clip(tmp_path):
     photo = cv2.imread(os.path.join(MEDIA, "photos", "evening.jpg"))
     if photo is None:
         pytest.skip("evening.jpg is missing; run scripts/fetch-media")
-    photo, clip, out = cv2.resize(photo, (1280, 800), interpolation=cv2.INTER_AREA), tmp_path / "c.mp4", tmp_path / "e.mp4"
+    clip, out = tmp_path / "in.mp4", tmp_path / "out.mp4"
+    photo = cv2.resize(photo, (1280, 800), interpolation=cv2.INTER_AREA)
     writer = cv2.VideoWriter(str(clip), cv2.VideoWriter_fourcc(*"mp4v"), 25, (640, 360))
     for n in range(50):
-        gamma = 0.9 + 0.4 * np.cos(2 * np.pi * n / 50)
-        writer.write(cv2.LUT(photo[150:510, 8 * n:8 * n + 640], np.round(255 * (np.arange(256) / 255) ** (1 / gamma)).astype(np.uint8)))
+        exposure = np.round(255 * (np.arange(256) / 255) ** (1 / (0.9 + 0.4 * np.cos(2 * np.pi * n / 50))))
+        writer.write(cv2.LUT(photo[150:510, 8 * n:8 * n + 640], exposure.astype(np.uint8)))
     writer.release()
     example = os.path.join(os.path.dirname(__file__), "..", "examples", "enhance_video.py")
     run = subprocess.run([sys.executable, example, str(clip), str(out)], capture_output=True, text=True)
