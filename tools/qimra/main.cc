@@ -62,17 +62,21 @@ int run_enhance(const Options& o) {
     std::optional<OutputFile> trace_out, plot_out;
     QuietEngine engine(info, o);
 
-    Progress progress(!o.media.quiet && isatty(STDERR_FILENO) && info.frame_count != 1, info.frame_count);
+    Progress progress(!o.media.quiet && isatty(STDERR_FILENO) && info.frame_count != 1, 0);
     std::vector<FrameReport> reports;
     Picture picture;
-    int64_t frames = 0;
+    ProgressStatus status;
+    status.total_frames = info.frame_count;
     while (source->read(picture)) {
         engine->process(picture.view());
         sink->write(picture);
         reports.push_back(engine->report());
-        progress.update(++frames);
+        ++status.frames;
+        if (info.frame_count > 0) status.share = static_cast<double>(status.frames) / info.frame_count;
+        progress.update(status);
     }
-    progress.finish(frames);
+    progress.finish(status);
+    const int64_t frames = status.frames;
     if (frames == 0)
         throw file_error(o.input, source->truncation().empty() ? "holds no frames" : source->truncation());
     sink->finish();
