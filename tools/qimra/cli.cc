@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "error.h"
+#include "media.h"
 #include "raw_yuv.h"
 
 namespace qimra::tool {
@@ -29,11 +30,14 @@ const char kEnhanceHelp[] =
     "Enhances every frame of INPUT into OUTPUT. Both are told apart by extension:\n"
     "  .y4m                 YUV4MPEG2, 8-bit 4:2:0\n"
     "  .yuv                 raw 4:2:0 frames (needs --size; --format picks the layout)\n"
+    "  .i420 .yv12 .nv12 .nv21   raw 4:2:0 frames in that layout (needs --size)\n"
     "  .png .jpg            a still picture\n"
     "  .mp4 .mkv .mov ...   a video file; audio is copied through untouched;\n"
     "                       video is written as H.264 (libx264) where the container takes it\n"
     "INPUT '-' reads Y4M (or raw, with --size) from standard input; OUTPUT '-' writes\n"
-    "Y4M (or raw, with --to yuv) to standard output.\n"
+    "Y4M (or raw, with --to yuv) to standard output. With --size, any INPUT is raw.\n"
+    "Pictures and videos of odd size are enhanced at the next even size (last column\n"
+    "and row repeated) and cropped back; Y4M and raw frames must be even.\n"
     "\n"
     "options:\n"
     "  -o, --output FILE     where to write (required)\n"
@@ -42,10 +46,11 @@ const char kEnhanceHelp[] =
     "                        2 enhance when the scene calls for it (default)\n"
     "  --gamma G             gamma of the tone curve, 0 < G <= 4 (default 0.5; below 1\n"
     "                        lifts the shadows); in mode 2 the lowest gamma allowed\n"
-    "  --size WxH            frame size of raw input\n"
-    "  --format F            layout of raw input and output: i420 (default), yv12, nv12, nv21\n"
+    "  --size WxH            frame size of raw input; any input is then read as raw\n"
+    "  --format F            layout of raw input and output, over what a name says:\n"
+    "                        i420 (default), yv12, nv12, nv21\n"
     "  --fps N[/D]           frame rate of raw input and of pictures (default 25)\n"
-    "  --to y4m|yuv          what '-o -' writes (default y4m)\n"
+    "  --to y4m|yuv|LAYOUT   what '-o -' writes (default y4m; yuv or a layout: raw)\n"
     "  --trace FILE.csv      one row per frame: decision, mid, gamma, top level, ...\n"
     "  --plot FILE.svg       the same over the frames, as a plot\n"
     "  --quiet               no progress bar or notes\n"
@@ -167,7 +172,8 @@ Options parse_command_line(int argc, const char* const* argv) {
             o.frame = parse_integer(arg, take_value(), 0, 100000000);
         } else if (arg == "--to" && !compare) {
             o.media.to = take_value();
-            if (o.media.to != "y4m" && o.media.to != "yuv") usage("--to '" + o.media.to + "' is unknown; use y4m or yuv");
+            if (o.media.to != "y4m" && o.media.to != "yuv" && !layout_named(o.media.to))
+                usage("--to '" + o.media.to + "' is unknown; use y4m, yuv, i420, yv12, nv12 or nv21");
             to_given = true;
         } else if (arg == "--trace" && !compare) {
             o.trace = take_value();

@@ -57,6 +57,10 @@ int run_enhance(const Options& o) {
     output_kind(o.output, o.media);  // an unknown output extension fails before any work
     std::unique_ptr<FrameSource> source = open_source(o.input, o.media);
     const StreamInfo& info = source->info();
+    if (info.extended() && o.verbose)
+        fprintf(stderr, "qimra: %s: %dx%d is odd; enhanced at %dx%d with its last column and row repeated, "
+                        "then cropped back\n", o.input == "-" ? "standard input" : o.input.c_str(), info.own_width,
+                info.own_height, info.width, info.height);
     OutputFile out(o.output);
     std::unique_ptr<FrameSink> sink = open_sink(out, o.output, o.media, info, source.get());
     std::optional<OutputFile> trace_out, plot_out;

@@ -187,11 +187,14 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
         ASSERT_EQ(y.frames.size(), 4u);
         for (size_t i = 0; i < 4; ++i) EXPECT_TRUE(y.frames[i] == want[i]) << "y4m frame " << i;
 
-        // Y4M in, raw out, in each layout: the same frames rearranged.
+        // Y4M in, raw out, in each layout named by --format or by the
+        // output's extension: the same frames rearranged.
+        write_file(path("in.y4m"), y4m_of(640, 480, frames));
         for (ColourFormat f : {ColourFormat::i420, ColourFormat::yv12, ColourFormat::nv12, ColourFormat::nv21}) {
-            write_file(path("in.y4m"), y4m_of(640, 480, frames));
-            ASSERT_EQ(run("enhance in.y4m -o out.yuv --format " + std::string(format_name(f)) + m).code, 0);
-            const std::string got = read_file(path("out.yuv"));
+            const std::string name = format_name(f);
+            const std::string out = mode == 0 ? "out." + name : "out.yuv";
+            ASSERT_EQ(run("enhance in.y4m -o " + out + (mode == 0 ? "" : " --format " + name) + m).code, 0);
+            const std::string got = read_file(path(out));
             ASSERT_EQ(got.size(), raw.size());
             for (size_t i = 0; i < 4; ++i) {
                 Picture p, q;
@@ -203,7 +206,9 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
             }
         }
     }
-    // Raw frames in an interleaved layout run in that layout.
+    // Raw frames in an interleaved layout run in that layout, and a raw
+    // output without a layout of its own keeps it. The layout comes from the
+    // name or from --format, which outweighs the name; with --size any name is raw.
     std::vector<Frame> nv21;
     std::string nv21_raw;
     for (const Frame& f : frames) {
@@ -214,13 +219,65 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
         nv21.push_back(q.bytes);
         nv21_raw.append(q.bytes.begin(), q.bytes.end());
     }
-    write_file(path("in21.yuv"), nv21_raw);
-    ASSERT_EQ(run("enhance in21.yuv --size 640x480 --format nv21 -o out21.yuv --mode 0").code, 0);
     const std::vector<Frame> want = enhanced(nv21, 640, 480, Mode::fixed, 0.5f, ColourFormat::nv21);
-    const std::string got = read_file(path("out21.yuv"));
     std::string want_raw;
     for (const Frame& f : want) want_raw.append(f.begin(), f.end());
-    EXPECT_TRUE(got == want_raw);
+    for (const char* in : {"in.nv21", "in.nv12 --format nv21", "in.frames --format nv21", "in.YUV --format nv21"}) {
+        const std::string file = std::string(in).substr(0, std::string(in).find(' '));
+        write_file(path(file), nv21_raw);
+        ASSERT_EQ(run(std::string("enhance ") + in + " --size 640x480 -o out21.yuv --mode 0").code, 0) << in;
+        EXPECT_TRUE(read_file(path("out21.yuv")) == want_raw) << in;
+        fs::remove(path(file));
+    }
+}
+
+TEST_F(ToolTest, OddPicturesAndVideosKeepTheirSize) {
+    // A real photograph cut to odd sizes, beside the even frame made by
+    // repeating its last column and row: the odd result is that frame's
+    // result cropped back, to the byte.
+    const Frame pier = media_frame("pier", 1920, 1080);
+    for (auto [w, h] : {std::pair{3, 5}, std::pair{301, 203}, std::pair{640, 479}}) {
+        const std::string size = std::to_string(w) + "x" + std::to_string(h);
+        const int W = w + w % 2, H = h + h % 2;
+        const std::string crop = "crop=" + std::to_string(w) + ":" + std::to_string(h) + ":0:0";
+        // A picture (RGB), and its twin with the last column and row repeated.
+        shell("ffmpeg -nostdin -v error -y -i " + kMedia + "/photos/pier.jpg -vf " + crop + " -pix_fmt rgb24 odd.png");
+        shell("ffmpeg -nostdin -v error -y -i odd.png -vf pad=" + std::to_string(W) + ":" + std::to_string(H) +
+              ",fillborders=right=" + std::to_string(w % 2) + ":bottom=" + std::to_string(h % 2) +
+              ":mode=smear -pix_fmt rgb24 even.png");
+        // A lossless 4:2:0 video cut from an even frame whose last luma
+        // column and row repeat the ones before (its chroma is whole already).
+        Frame even = crop_i420(pier, 1920, 1080, W, H);
+        for (int y = 0; y < H; ++y) even[y * W + W - 1] = even[y * W + w - 1];
+        std::copy_n(even.begin() + (h - 1) * W, W, even.begin() + (H - 1) * W);
+        write_file(path("even.y4m"), y4m_of(W, H, {even}));
+        std::string odd;
+        for (int y = 0; y < h; ++y) odd.append(even.begin() + y * W, even.begin() + y * W + w);
+        odd.append(even.begin() + W * H, even.end());
+        write_file(path("odd.yuv"), odd);
+        shell("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt yuv420p -s " + size + " -i odd.yuv -c:v ffv1 odd.mkv");
+        for (const char* kind : {"png", "mkv"}) {
+            SCOPED_TRACE(size + " " + kind);
+            const std::string even = std::string(kind) == "png" ? "even.png" : "even.y4m";
+            ASSERT_EQ(run("enhance odd." + std::string(kind) + " -o odd_out.png --mode 0").code, 0);
+            ASSERT_EQ(run("enhance " + even + " -o even_out.png --mode 0").code, 0);
+            shell("ffmpeg -nostdin -v error -y -i odd_out.png -f rawvideo -pix_fmt rgb24 odd.rgb");
+            shell("ffmpeg -nostdin -v error -y -i even_out.png -vf crop=" + std::to_string(w) + ":" +
+                  std::to_string(h) + ":0:0 -f rawvideo -pix_fmt rgb24 even.rgb");
+            const std::string got = read_file(path("odd.rgb"));
+            EXPECT_EQ(got.size(), static_cast<size_t>(w) * h * 3);
+            EXPECT_TRUE(got == read_file(path("even.rgb")));
+        }
+        // Every picture and video output keeps the size; Y4M cannot hold it.
+        for (const char* out : {"out.jpg", "out.mp4", "out.webm"}) {
+            ASSERT_EQ(run(std::string("enhance odd.mkv -o ") + out).code, 0) << out;
+            shell(std::string("ffprobe -v error -show_entries stream=width,height -of csv=p=0 ") + out + " > probe.txt");
+            EXPECT_EQ(read_file(path("probe.txt")), std::to_string(w) + "," + std::to_string(h) + "\n") << out;
+        }
+        const Result r = run("enhance odd.png -o out.y4m");
+        EXPECT_EQ(r.code, 1);
+        EXPECT_EQ(r.err.rfind("qimra: out.y4m: cannot hold the " + size + " frames of odd.png", 0), 0u) << r.err;
+    }
 }
 
 TEST_F(ToolTest, SizesTheCoreCannotTakeComeOutAtTheirOwnSize) {
