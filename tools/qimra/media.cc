@@ -78,6 +78,7 @@ MediaKind input_kind(const std::string& path, const MediaOptions& options) {
 
 MediaKind output_kind(const std::string& path, const MediaOptions& options) {
     if (path == "-") return options.to == "y4m" ? MediaKind::y4m : MediaKind::raw;
+    if (options.raw_output) return MediaKind::raw;
     return kind_by_extension(path, "writes");
 }
 

@@ -18,6 +18,10 @@ class Progress {
 public:
     // `files` is the size of a batch, 0 for a single stream.
     Progress(bool enabled, int files);
+    // A line left unfinished (by a failure) is erased.
+    ~Progress() { clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
     // Redraws at most five times a second.
     void update(const ProgressStatus& status);
     // Erases the line so that a message can be printed; the next update draws it again.

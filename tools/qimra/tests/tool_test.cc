@@ -227,8 +227,10 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
         write_file(path(file), nv21_raw);
         ASSERT_EQ(run(std::string("enhance ") + in + " --size 640x480 -o out21.yuv --mode 0").code, 0) << in;
         EXPECT_TRUE(read_file(path("out21.yuv")) == want_raw) << in;
-        fs::remove(path(file));
     }
+    // Into a folder, raw results keep their names and layouts.
+    ASSERT_EQ(run("enhance in.nv21 in.frames --size 640x480 --format nv21 -o raw/ --mode 0").code, 0);
+    for (const char* out : {"raw/in.nv21", "raw/in.frames"}) EXPECT_TRUE(read_file(path(out)) == want_raw) << out;
 }
 
 TEST_F(ToolTest, OddPicturesAndVideosKeepTheirSize) {
@@ -378,6 +380,74 @@ TEST_F(ToolTest, VideoFilesKeepTheirFramesTimingAndAudio) {
         const Frame back = decode_i420(out);
         EXPECT_GT(psnr(back, y.frames[0], 640 * 360), 38.0) << ext;
     }
+}
+
+// ------------------------------------------------------------ into a folder
+
+TEST_F(ToolTest, ABatchIntoAFolderEqualsOneByOneRuns) {
+    // Real photographs as streams and pictures, and a broken file among them.
+    const std::vector<Frame> photos = four_photos();
+    write_file(path("a.y4m"), y4m_of(640, 480, photos));
+    write_file(path("b.y4m"), y4m_of(640, 480, {photos[3], photos[1]}));
+    fs::copy_file(fs::path(kMedia) / "photos" / "coffee.png", path("c.png"));
+    fs::copy_file(fs::path(kMedia) / "photos" / "chelsea.png", path("d.png"));
+    write_file(path("broken.png"), "not a picture");
+    const std::vector<std::string> good = {"a.y4m", "b.y4m", "c.png", "d.png"};
+    fs::create_directory(path("one"));
+    for (const std::string& f : good) ASSERT_EQ(run("enhance " + f + " -o one/" + f).code, 0) << f;
+
+    for (const char* jobs : {"-j 1", "-j2"}) {
+        SCOPED_TRACE(jobs);
+        fs::remove_all(path("batch"));
+        const Result r = run("enhance a.y4m broken.png b.y4m c.png d.png -o batch/ " + std::string(jobs));
+        EXPECT_EQ(r.code, 1);
+        EXPECT_NE(r.err.find("qimra: broken.png: cannot read it"), std::string::npos) << r.err;
+        EXPECT_TRUE(r.err.ends_with("qimra: 4 written, 1 failed\n")) << r.err;
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(path("batch"))) names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        EXPECT_EQ(names, good) << "each result under its input's name, and nothing else";
+        for (const std::string& f : good) EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f))) << f;
+    }
+    // --to names the kind of every result; all good, all written.
+    write_file(path("e.y4m"), y4m_of(640, 480, {photos[2]}));
+    const Result r = run("enhance e.y4m c.png -o pics --to png --quiet");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(decode_i420("pics/e.png").size(), frame_bytes(640, 480));
+    EXPECT_TRUE(fs::exists(path("pics/c.png")));
+}
+
+TEST_F(ToolTest, ABatchNeverWritesOverAnInputOrTwiceToOneName) {
+    const std::string frame = "YUV4MPEG2 W64 H64\nFRAME\n" + std::string(frame_bytes(64, 64), '\x50');
+    fs::create_directories(path("out"));
+    fs::create_directories(path("sub"));
+    for (const char* f : {"x.y4m", "sub/x.y4m", "out/x.y4m", "x.nv12"}) write_file(path(f), frame);
+    write_file(path("x.png"), "stays");
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+        // arguments, the failure reported, the summary
+        {"x.y4m sub/x.y4m -o out2/", "qimra: sub/x.y4m: its output out2/x.y4m is already the output of x.y4m",
+         "1 written, 1 failed"},
+        {"out/x.y4m x.y4m -o out",
+         "qimra: out/x.y4m: writing out/x.y4m would overwrite the input itself; choose another folder",
+         "0 written, 2 failed"},
+        {"x.y4m x.png -o pics/ --to y4m", "qimra: x.png: its output pics/x.y4m is already the output of x.y4m",
+         "1 written, 1 failed"},
+    };
+    for (const auto& [args, message, summary] : cases) {
+        SCOPED_TRACE(args);
+        const Result r = run("enhance " + args + " --mode 0");
+        EXPECT_EQ(r.code, 1);
+        EXPECT_NE(r.err.find(message + "\n"), std::string::npos) << r.err;
+        EXPECT_TRUE(r.err.ends_with("qimra: " + summary + "\n")) << r.err;
+        EXPECT_EQ(read_file(path("x.png")), "stays");
+        EXPECT_EQ(read_file(path("out/x.y4m")), frame);
+    }
+    EXPECT_TRUE(fs::exists(path("out2/x.y4m")));
+    // Usage errors stop before any work.
+    for (const char* args : {"x.y4m sub/x.y4m -o x.png", "x.y4m - -o out/", "x.y4m sub/x.y4m -o out/ --trace t.csv",
+                             "x.y4m sub/x.y4m -o out/ --to gif", "x.y4m -o y.y4m -j 2"})
+        EXPECT_EQ(run(std::string("enhance ") + args).code, kExitUsage) << args;
 }
 
 // ------------------------------------------------------------- bad input
