@@ -143,7 +143,8 @@ void check_output(Options& o) {
         usage(o.output + " is a file; several inputs are written into a folder: -o FOLDER/");
     for (const std::string& in : o.inputs)
         if (in == "-") usage("standard input has no name to write under in a folder; give it as a file");
-    if (!o.trace.empty() || !o.plot.empty()) usage("--trace and --plot follow one input; give them one file at a time");
+    if (several && (!o.trace.empty() || !o.plot.empty()))
+        usage("--trace and --plot follow one input; give them one file at a time");
     if (o.to_given) {
         const std::string to = o.media.to;
         if (!to.empty() && to[0] == '.') o.media.to.erase(0, 1);

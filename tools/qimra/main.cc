@@ -1,14 +1,14 @@
 // qimra: the command-line tool. `enhance` runs every frame of a picture,
-// stream or video file through the engine; `compare` draws one frame before
-// and after.
+// stream or video file through the engine, one input into one output or
+// many into a folder; `compare` draws one frame before and after.
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <optional>
-
 #include <filesystem>
+#include <functional>
+#include <optional>
 
 #include "av_media.h"
 #include "batch.h"
@@ -194,7 +194,6 @@ int run(int argc, const char* const* argv) {
 }
 
 }  // namespace
-
 }  // namespace qimra::tool
 
 int main(int argc, char** argv) {
