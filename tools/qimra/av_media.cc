@@ -442,20 +442,20 @@ void VideoWriter::open(bool quiet) {
     if (codec == nullptr && of->video_codec != AV_CODEC_ID_NONE) codec = avcodec_find_encoder(of->video_codec);
     if (codec == nullptr) throw file_error(name_, "this FFmpeg has no video encoder for the container");
 
+    auto takes = [&](AVPixelFormat f) {
+        if (codec->pix_fmts == nullptr) return f == AV_PIX_FMT_YUV420P;
+        for (const AVPixelFormat* p = codec->pix_fmts; *p != AV_PIX_FMT_NONE; ++p)
+            if (*p == f) return true;
+        return false;
+    };
     AVPixelFormat pix = AV_PIX_FMT_YUV420P;
-    if (codec->pix_fmts != nullptr) {
-        bool has_420 = false;
-        for (const AVPixelFormat* p = codec->pix_fmts; *p != AV_PIX_FMT_NONE; ++p) has_420 |= *p == pix;
-        if (!has_420) pix = avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, AV_PIX_FMT_YUV420P, 0, nullptr);
-    }
-    r = start_encoder(codec, pix);
-    // Encoders that cannot code an odd size in 4:2:0 (H.264) still take it
-    // in 4:4:4, which keeps every pixel of the picture.
-    if (r < 0 && info.extended() && pix == AV_PIX_FMT_YUV420P) {
-        avcodec_free_context(&encoder_);
-        r = start_encoder(codec, AV_PIX_FMT_YUV444P);
-    }
-    if (r < 0) throw file_error(name_, std::string("cannot start the ") + codec->name + " encoder: " + av_error(r));
+    if (!takes(pix)) pix = avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, AV_PIX_FMT_YUV420P, 0, nullptr);
+    // H.264 and HEVC code 4:2:0 in whole chroma samples and cannot hold an
+    // odd size; in 4:4:4 they keep every pixel of it.
+    const bool whole_chroma = codec->id == AV_CODEC_ID_H264 || codec->id == AV_CODEC_ID_HEVC;
+    if (info.extended() && whole_chroma && takes(AV_PIX_FMT_YUV444P)) pix = AV_PIX_FMT_YUV444P;
+    if ((r = start_encoder(codec, pix)) < 0)
+        throw file_error(name_, std::string("cannot start the ") + codec->name + " encoder: " + av_error(r));
 
     stream_ = avformat_new_stream(format_, nullptr);
     if (stream_ == nullptr || avcodec_parameters_from_context(stream_->codecpar, encoder_) < 0)

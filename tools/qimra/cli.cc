@@ -49,7 +49,7 @@ const char kEnhanceHelp[] =
     "and row repeated) and cropped back; Y4M and raw frames must be even.\n"
     "\n"
     "options:\n"
-    "  -o, --output FILE     where to write (required)\n"
+    "  -o, --output FILE     where to write (required): a file, - or a FOLDER/\n"
     "  --mode 0|1|2          0 always enhance with a fixed tone curve; 1 analyse and\n"
     "                        mark the decision as a square in the middle of the frame;\n"
     "                        2 enhance when the scene calls for it (default)\n"
