@@ -211,6 +211,8 @@ std::vector<BatchItem> plan_outputs(const std::vector<std::string>& inputs, cons
     return items;
 }
 
+bool same_file(const std::string& a, const std::string& b) { return same_file(identify(a), identify(b)); }
+
 int default_jobs() {
     cpu_set_t cpus;
     CPU_ZERO(&cpus);

@@ -22,6 +22,9 @@ struct BatchItem {
 std::vector<BatchItem> plan_outputs(const std::vector<std::string>& inputs, const std::string& folder,
                                     const std::string& extension);
 
+// Whether two names are one file (by resolved path, or by inode once it exists).
+bool same_file(const std::string& a, const std::string& b);
+
 // Half the cores: each engine already keeps two busy.
 int default_jobs();
 

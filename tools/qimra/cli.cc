@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "batch.h"
 #include "error.h"
 #include "media.h"
 #include "raw_yuv.h"
@@ -134,7 +135,8 @@ void check_output(Options& o) {
         if (o.to_given && o.output != "-") usage("--to is for '-o -' and folders; a file's extension tells what to write");
         if (o.to_given && o.media.to != "y4m" && o.media.to != "yuv" && !layout_named(o.media.to))
             usage("--to '" + o.media.to + "' is unknown for '-o -'; use y4m, yuv, i420, yv12, nv12 or nv21");
-        if (o.output != "-" && o.output == o.input) usage(o.output + ": the output would overwrite the input");
+        if (o.output != "-" && o.input != "-" && same_file(o.output, o.input))
+            usage(o.output + ": the output would overwrite the input");
         if (o.jobs > 0) usage("-j is for several inputs into a folder");
         return;
     }

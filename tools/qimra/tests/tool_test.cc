@@ -482,6 +482,8 @@ TEST_F(ToolTest, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "enhance in.y4m", 2, "qimra: no output given"},
         {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "enhance in.y4m -o out.y4m --loud", 2,
          "qimra: unknown option '--loud'"},
+        {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "enhance in.y4m -o ./in.y4m", 2,
+         "qimra: ./in.y4m: the output would overwrite the input"},
         {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "compare in.y4m -o out.png --frame 1", 1,
          "qimra: in.y4m: has 1 frame; --frame 1 is past its end"},
     };
