@@ -2,7 +2,7 @@
 # on each (x86-64, address+undefined sanitizers, thread sanitizer, ARMv7 NEON
 # under qemu-arm).
 TEST_PRESETS ?= host host-asan host-tsan armhf
-ALL_PRESETS := host host-scalar host-asan host-tsan armhf
+ALL_PRESETS := host host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
 .PHONY: all build setup media demo bench bench-armhf bench-instructions mutate test $(addprefix test-,$(ALL_PRESETS)) clean

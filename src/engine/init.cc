@@ -6,6 +6,7 @@
 #include "engine/ctx.h"
 #include "engine/log.h"
 #include "engine/tables.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -180,6 +181,8 @@ extern "C" qimra_ctx* qimra_init(int32_t width, int32_t height, float gamma, uin
     log_line("USE_1PASS_GUIDED_FILTER:%d", 1);
     log_line("UPSCALE_BY_4:%d", 0);
     log_line("gamma :%f\tcolour_format:%d", static_cast<double>(gamma), colour_format);
+    // Which forms the kernels run, so that a report names the path it took.
+    log_isa_choice();
     return c;
 }
 
