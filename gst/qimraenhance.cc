@@ -244,8 +244,6 @@ void qimra_set_property(GObject* object, guint id, const GValue* value, GParamSp
             GST_OBJECT_UNLOCK(self);
             break;
         case PROP_BYPASS:
-            // Passthrough: the base class hands buffers on untouched and
-            // never calls transform_frame_ip.
             gst_base_transform_set_passthrough(GST_BASE_TRANSFORM(self), g_value_get_boolean(value));
             break;
         case PROP_POST_MESSAGES:
@@ -334,6 +332,9 @@ static void gst_qimra_enhance_class_init(GstQimraEnhanceClass* klass) {
         "Lifts dark and backlit regions of YUV 4:2:0 video in place, deciding per frame whether the scene needs it",
         "the qimra developers");
 
+    // Bypass is passthrough, where the base class would still show each
+    // buffer to transform_frame_ip (read-only): it must not see them.
+    trans_class->transform_ip_on_passthrough = FALSE;
     trans_class->start = qimra_start;
     trans_class->stop = qimra_stop;
     filter_class->set_info = qimra_set_info;
