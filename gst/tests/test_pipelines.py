@@ -131,3 +131,14 @@ def test_inspect_validates():
     assert r.returncode == 0 and not re.search(r"CRITICAL|WARNING", r.stderr), r.stderr
     for needle in ["qimraenhance", "mode", "gamma", "bypass", "post-messages", "I420, (string)YV12"]:
         assert needle in r.stdout, needle
+
+
+def test_readme_example_prints_each_frames_decision():
+    example = os.path.join(os.path.dirname(__file__), "..", "examples", "print_decisions.py")
+    with open(example) as f, open(os.path.join(os.path.dirname(__file__), "..", "..", "README.md")) as readme:
+        assert f.read().split('"""', 2)[2].strip() in readme.read(), "README shows the example as it is"
+    r = subprocess.run(["/usr/bin/python3", example], capture_output=True, text=True, timeout=120)
+    assert r.returncode == 0, r.stderr
+    lines = [line for line in r.stdout.splitlines() if line.startswith("frame ")]
+    assert lines[0].startswith("frame 0 at 0.000 s: enhanced, mid ") and len(lines) == 50
+    assert lines[-1].startswith("frame 49 at 1.633 s: ")
