@@ -90,7 +90,25 @@ GstCaps* caps_for(int w, int h, ColourFormat f) {
                                G_TYPE_INT, h, "framerate", GST_TYPE_FRACTION, 25, 1, nullptr);
 }
 
-GstBuffer* make_buffer(const Bytes& packed, int w, int h, ColourFormat f, Layout layout) {
+// Copies each plane between a frame packed at its width and a buffer's
+// mapped planes (at their strides, through the video meta if any).
+void copy_planes(GstBuffer* buf, int w, int h, ColourFormat f, Bytes& packed, bool into_buffer) {
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, gst_video_format_from_string(caps_format(f)), w, h);
+    GstVideoFrame frame;
+    ASSERT_TRUE(gst_video_frame_map(&frame, &info, buf, into_buffer ? GST_MAP_WRITE : GST_MAP_READ));
+    const auto shapes = planes_of(w, h, f);
+    for (size_t p = 0; p < shapes.size(); ++p)
+        for (int r = 0; r < shapes[p].rows; ++r) {
+            uint8_t* mapped = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p)) +
+                              static_cast<size_t>(r) * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p);
+            uint8_t* flat = &packed[shapes[p].offset + static_cast<size_t>(r) * shapes[p].row_bytes];
+            std::memcpy(into_buffer ? mapped : flat, into_buffer ? flat : mapped, shapes[p].row_bytes);
+        }
+    gst_video_frame_unmap(&frame);
+}
+
+GstBuffer* make_buffer(Bytes packed, int w, int h, ColourFormat f, Layout layout) {
     GstVideoInfo info;
     gst_video_info_set_format(&info, gst_video_format_from_string(caps_format(f)), w, h);
     const auto shapes = planes_of(w, h, f);
@@ -109,31 +127,13 @@ GstBuffer* make_buffer(const Bytes& packed, int w, int h, ColourFormat f, Layout
     } else {
         gst_buffer_append_memory(buf, gst_allocator_alloc(nullptr, GST_VIDEO_INFO_SIZE(&info), nullptr));
     }
-    GstVideoFrame frame;
-    EXPECT_TRUE(gst_video_frame_map(&frame, &info, buf, GST_MAP_WRITE));
-    for (size_t p = 0; p < shapes.size(); ++p)
-        for (int r = 0; r < shapes[p].rows; ++r)
-            std::memcpy(static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p)) +
-                            static_cast<size_t>(r) * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p),
-                        &packed[shapes[p].offset + static_cast<size_t>(r) * shapes[p].row_bytes], shapes[p].row_bytes);
-    gst_video_frame_unmap(&frame);
+    copy_planes(buf, w, h, f, packed, true);
     return buf;
 }
 
 Bytes read_back(GstBuffer* buf, int w, int h, ColourFormat f) {
-    GstVideoInfo info;
-    gst_video_info_set_format(&info, gst_video_format_from_string(caps_format(f)), w, h);
     Bytes out(frame_bytes(w, h));
-    GstVideoFrame frame;
-    EXPECT_TRUE(gst_video_frame_map(&frame, &info, buf, GST_MAP_READ));
-    const auto shapes = planes_of(w, h, f);
-    for (size_t p = 0; p < shapes.size(); ++p)
-        for (int r = 0; r < shapes[p].rows; ++r)
-            std::memcpy(&out[shapes[p].offset + static_cast<size_t>(r) * shapes[p].row_bytes],
-                        static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p)) +
-                            static_cast<size_t>(r) * GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p),
-                        shapes[p].row_bytes);
-    gst_video_frame_unmap(&frame);
+    copy_planes(buf, w, h, f, out, false);
     return out;
 }
 
