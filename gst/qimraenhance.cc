@@ -99,7 +99,7 @@ void report_engine_error(GstQimraEnhance* self, const qimra::Error& e) {
                            "qimra runs one engine per process, so run one qimraenhance at a time"),
                           ("%s", e.what()));
     else
-        GST_ELEMENT_ERROR(self, RESOURCE, NO_SPACE_LEFT, ("could not create the qimra engine: %s", e.what()),
+        GST_ELEMENT_ERROR(self, RESOURCE, FAILED, ("could not create the qimra engine: %s", e.what()),
                           (nullptr));
 }
 
