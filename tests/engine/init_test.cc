@@ -206,5 +206,49 @@ TEST(Teardown, ManyCyclesLeaveNoThreadBehind) {
     EXPECT_EQ(thread_count_settling_to(threads_before), threads_before);
 }
 
+// The library admits one engine per process. A refused init must leave the
+// live engine's process-wide inputs alone: a CDS request registered before
+// it keeps switching the chroma off, so every later frame matches a run
+// without the refused call.
+TEST(OneEngine, SecondInitIsRefusedAndTheLiveEngineRunsOn) {
+    constexpr int kW = 64, kH = 64, kFrames = 8, kRefuseAfter = 3;
+    auto run = [&](bool try_second) {
+        reset_globals();
+        Frame420 src(kW, kH);
+        std::vector<std::vector<uint8_t>> outs;
+        qimra_ctx* c = quiet_init(kW, kH, 0, 2);
+        EXPECT_EQ(qimra_engine_alive(), 1);
+        const int32_t cds_on = 1;
+        capture_stderr([&] { qimra_register_cds_params(c, &cds_on); });
+        for (int f = 0; f < kFrames; ++f) {
+            if (try_second && f == kRefuseAfter) {
+                const int32_t mem_before = total_mem;
+                qimra_ctx* second = c;
+                const std::string out = capture_stdout([&] {
+                    const std::string err = capture_stderr([&] { second = qimra_init(kW, kH, 0.5f, 0, 0, 0, 0, 0, 2, 0); });
+                    EXPECT_NE(err.find("an engine already exists"), std::string::npos) << err;
+                });
+                EXPECT_EQ(second, nullptr);
+                EXPECT_EQ(out, "");
+                EXPECT_EQ(total_mem, mem_before);
+            }
+            fill_random(src.y(), src.bytes.size(), 77 + f);
+            Frame420 dst(kW, kH);
+            qimra_process(c, src.y(), kW, kH, dst.y(), kW, kH);
+            outs.push_back(dst.bytes);
+        }
+        quiet_deinit(c);
+        EXPECT_EQ(qimra_engine_alive(), 0);
+        return outs;
+    };
+    const auto plain = run(false);
+    const auto refused = run(true);
+    for (int f = 0; f < kFrames; ++f) EXPECT_EQ(refused[f], plain[f]) << "frame " << f;
+    // The claim went with the engine: the next init is admitted.
+    qimra_ctx* again = quiet_init(kW, kH);
+    EXPECT_NE(again, nullptr);
+    quiet_deinit(again);
+}
+
 }  // namespace
 }  // namespace qimra::test
