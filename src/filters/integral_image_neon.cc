@@ -3,6 +3,7 @@
 // as a broadcast of the previous group's last lane. Lanes wrap modulo 2^32
 // exactly as the scalar running sums do.
 #include "filters/integral_image.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 

@@ -14,14 +14,15 @@
 #include <cstddef>
 
 #include "engine/ctx.h"
+#include "simd/dispatch.h"
 
+namespace qimra {
 namespace {
 
 // Two rows of full-size luma against a full-size base; the entry of every
 // even column of the upper (even) row also gives its 2 x 2 block's gain.
 inline void scale_row_pair_fs(const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b0,
                               const uint8_t* b1, uint8_t* gain, int32_t width, const uint16_t* lut) {
-    using qimra::tone_index;
     for (int32_t x = 0; x < width; x += 2) {
         const uint16_t e00 = lut[tone_index(s0[x], b0[x])];
         const uint16_t e01 = lut[tone_index(s0[x + 1], b0[x + 1])];
@@ -37,9 +38,8 @@ inline void scale_row_pair_fs(const uint8_t* s0, const uint8_t* s1, uint8_t* d0,
 
 }  // namespace
 
-extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                               const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
-    const uint16_t* lut = c->chroma_lut16;
+void scale_y_fs_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                  uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
     const int32_t blocks_w = width / 4;
     const int32_t blocks_h = height / 4;
     if (blocks_w <= 0 || blocks_h <= 0) return;
@@ -58,10 +58,8 @@ extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst,
     }
 }
 
-extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                                  const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
-    using qimra::tone_index;
-    const uint16_t* lut = c->chroma_lut16;
+void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                     uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
     const int32_t blocks_w = width / 2;
     const int32_t blocks_h = height / 2;
     if (blocks_w <= 0 || blocks_h <= 0) return;
@@ -88,4 +86,22 @@ extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* d
         base += blocks_w;
         gain += blocks_w;
     }
+}
+
+}  // namespace qimra
+
+using namespace qimra;
+
+extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                               const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
+    using Form = decltype(&scale_y_fs_c);
+    static const Form form = select_form<Form>({.c = scale_y_fs_c});
+    form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);
+}
+
+extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                                  const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
+    using Form = decltype(&scale_y_2x2nn_c);
+    static const Form form = select_form<Form>({.c = scale_y_2x2nn_c});
+    form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);
 }

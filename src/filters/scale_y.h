@@ -12,4 +12,11 @@ namespace qimra {
 // 2k + 1 share an entry.
 inline uint32_t tone_index(uint8_t y, uint8_t base) { return (uint32_t{y} << 7) | (uint32_t{base} >> 1); }
 
+// Per-pixel forms of blc_scale_y_fs and blc_scale_y_2x2nn, given the table
+// (the engine's chroma_lut16) rather than the engine.
+void scale_y_fs_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                  uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
+void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                     uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
+
 }  // namespace qimra

@@ -8,6 +8,7 @@
 
 #include "resample/upscale2.h"
 #include "support/engine_helpers.h"
+#include "support/forms.h"
 
 namespace qimra::test {
 namespace {
@@ -66,17 +67,13 @@ TEST(Upscale2Rows, VectorFormMatchesPerPixelForm) {
         }
 }
 
-#if QIMRA_HAVE_NEON
 // Each vector form directly (on x86-64 both the NEON form, translated, and
 // the x86 form the dispatch prefers), finished by the per-pixel form.
 TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
     using Form = int32_t (*)(const uint8_t*, const uint8_t*, uint8_t*, uint8_t*, int32_t);
-    std::vector<std::pair<const char*, Form>> forms = {{"neon", upscale2_rows_neon}};
-#if QIMRA_X86_FORMS
-    forms.emplace_back("sse", upscale2_rows_sse);
-    if (cpu_has_avx2()) forms.emplace_back("avx2", upscale2_rows_avx2);
-#endif
-    for (const auto& [name, form] : forms)
+    for (const auto& [name, form] : vector_forms<Form>({.neon = QIMRA_NEON_FORM(upscale2_rows_neon),
+                                                        .sse41 = QIMRA_X86_FORM(upscale2_rows_sse41),
+                                                        .avx2 = QIMRA_X86_FORM(upscale2_rows_avx2)}))
         for (int32_t w : {16, 17, 18, 31, 32, 33, 48, 49, 64, 65, 97, 480}) {
             std::vector<uint8_t> s0(w), s1(w);
             fill_random(s0.data(), w, 700 + w);
@@ -92,7 +89,6 @@ TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
             ASSERT_EQ(got1, want1) << name << " w=" << w;
         }
 }
-#endif
 
 TEST(Upscale2Rows, DestinationOverlappingTheSourceKeepsThePerPixelOrder) {
     // In place on the upper row: the per-pixel form reads samples it has
