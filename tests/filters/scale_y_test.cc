@@ -5,6 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "filters/scale_y.h"
+#include "simd/arm.h"
 #include "support/engine_helpers.h"
 
 namespace qimra::test {
@@ -28,7 +30,14 @@ struct Case {
     int32_t block;  // 4 for the full-size base, 2 for the half-size base
     const char* name;
 };
-const Case kCases[] = {{blc_scale_y_fs, 4, "fs"}, {blc_scale_y_2x2nn, 2, "2x2nn"}};
+// blc_scale_y_2x2nn runs the fastest form the build has; the per-pixel form
+// is listed too where that is another one.
+const Case kCases[] = {{blc_scale_y_fs, 4, "fs"},
+                       {blc_scale_y_2x2nn, 2, "2x2nn"},
+#if QIMRA_ARM_FORMS
+                       {scale_y_2x2nn_c, 2, "2x2nn per-pixel"},
+#endif
+};
 
 struct Planes {
     int32_t width, height;
