@@ -84,7 +84,7 @@ TEST(ScaleY, WholeBlocksMatchTheTableAndLeftoversStayUntouched) {
     TableCtx t;
     uint32_t seed = 1;
     for (const Case& k : kCases) {
-        for (int32_t w : {16, 64, 96, 1920 / 8})
+        for (int32_t w : {16, 24, 64, 96, 1920 / 8})
             for (int32_t h : {k.block, 3 * k.block, 3 * k.block + 1, 5 * k.block - 1}) {
                 Planes p(k, w, h, ++seed);
                 p.run(k, t);
