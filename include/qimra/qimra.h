@@ -4,7 +4,8 @@
  * The C ABI of libqimra.so. One engine per stream: create it with
  * qimra_init, hand it frames with qimra_process, tear it down with
  * qimra_deinit. Only one engine may be alive in a process at a time (the
- * worker thread handle and the side-input state are process-wide).
+ * worker thread handle and the side-input state are process-wide); the
+ * library keeps that rule itself and refuses a second qimra_init.
  *
  * Besides the frame path the library exports its image functions for direct
  * use. None of them checks its arguments: each states its preconditions, and
@@ -169,12 +170,17 @@ typedef struct DecimateAlpha {
  * adaptive_mode: 0 always enhance with a fixed tone table, 1 analyse and
  * mark the decision on the frame, other values analyse and enhance when
  * decided. colour_format: 0, 1 planar chroma; 2, 3 interleaved chroma.
- * Arguments 5 to 8 are accepted and ignored. Returns NULL when memory runs out. */
+ * Arguments 5 to 8 are accepted and ignored. Returns NULL when memory runs out,
+ * and NULL (with a log line, the live engine untouched) while another engine
+ * made here has not been torn down: one engine per process, whichever module
+ * or binding asks. */
 QIMRA_API qimra_ctx* qimra_init(int32_t width, int32_t height, float gamma, uint32_t param4,
                                 int32_t arg5, int32_t arg6, int32_t arg7, int32_t arg8,
                                 int32_t adaptive_mode, int32_t colour_format);
 /* Stop the worker and free the engine. 0 on success, 1 for a null context or a missing buffer. */
 QIMRA_API int32_t qimra_deinit(qimra_ctx* c);
+/* 1 while an engine is alive in this process (qimra_init would refuse), else 0. */
+QIMRA_API int32_t qimra_engine_alive(void);
 /* Enhance one frame; chroma follows each luma plane unless registered. Always returns 0. */
 QIMRA_API int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride, int32_t in_scanlines,
                                 uint8_t* out_y, int32_t out_stride, int32_t out_scanlines);

@@ -19,7 +19,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -228,11 +227,6 @@ struct FrameReport {
     std::array<uint8_t, 256> tone_curve{};
 };
 
-namespace detail {
-// The C ABI keeps its worker and side inputs process-wide: one engine at a time.
-inline std::atomic<bool> engine_alive{false};
-}  // namespace detail
-
 class Engine {
 public:
     Engine(int width, int height, float gamma = 0.5f, Mode mode = Mode::adaptive,
@@ -258,21 +252,21 @@ public:
         core_width_ = std::max(detail::round_up(width, 16), detail::core_min_width(mode));
         core_height_ = std::max(detail::round_up(height, 4), detail::core_min_height(mode));
 
-        bool expected = false;
-        if (!detail::engine_alive.compare_exchange_strong(expected, true))
-            throw Error(
-                "qimra: another qimra::Engine is alive in this process; the library runs one engine at a "
-                "time, so destroy the first before creating a second");
         try {
             if (!takes_size_directly()) staging_.resize(frame_bytes(core_width_, core_height_));
         } catch (const std::bad_alloc&) {
-            detail::engine_alive = false;
             throw Error("qimra: out of memory for the " + detail::size_text(core_width_, core_height_) +
                         " working frame of a " + detail::size_text(width, height) + " engine");
         }
+        // The library keeps the one-engine rule for the whole process (every
+        // module that includes this header shares it), and says which of its
+        // two refusals this was.
         ctx_ = qimra_init(core_width_, core_height_, gamma, 0, 0, 0, 0, 0, m, f);
+        if (ctx_ == nullptr && qimra_engine_alive() != 0)
+            throw Error(
+                "qimra: another engine is alive in this process; the library runs one engine at a time, so "
+                "destroy the first before creating a second");
         if (ctx_ == nullptr) {
-            detail::engine_alive = false;
             throw Error("qimra: out of memory while creating the engine for " +
                         detail::size_text(core_width_, core_height_) +
                         " frames; free memory or use a smaller frame size");
@@ -355,7 +349,6 @@ private:
         if (ctx_ == nullptr) return;
         qimra_deinit(ctx_);
         ctx_ = nullptr;
-        detail::engine_alive = false;
     }
 
     void take(Engine& o) noexcept {

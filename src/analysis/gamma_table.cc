@@ -6,6 +6,7 @@
 
 #include "engine/ctx.h"
 #include "simd/convert.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -44,17 +45,17 @@ void power_segment(uint8_t* out, float gamma, float mid, float inv, int32_t s_li
 }
 
 void straight_part(uint8_t* out, int32_t b, int64_t d) {
+    using Form = decltype(&gamma_line_neon);
+    static const Form form = select_form<Form>({.neon = QIMRA_NEON_FORM(gamma_line_neon)});
     int32_t k = 1;
-#if QIMRA_HAVE_NEON
-    if (d >= -255 && d <= 255) {
+    if (form != nullptr && d >= -255 && d <= 255) {
         const int32_t first_aligned =
             k + static_cast<int32_t>((16 - (reinterpret_cast<uintptr_t>(out + 64 + k) & 15)) & 15);
         gamma_line_c(out, b, d, k, first_aligned);
         const int32_t vector_end = first_aligned + ((192 - first_aligned) & ~15);
-        gamma_line_neon(out, b, static_cast<int32_t>(d), first_aligned, vector_end);
+        form(out, b, static_cast<int32_t>(d), first_aligned, vector_end);
         k = vector_end;
     }
-#endif
     gamma_line_c(out, b, d, k, 192);
 }
 

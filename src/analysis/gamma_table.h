@@ -4,19 +4,15 @@
 
 #include <cstdint>
 
-#include "simd/neon.h"
-
 namespace qimra {
 
 // The straight part: out[64 + k] = (b + (k * d) / 191) mod 256 for k in
 // [k_begin, k_end), the division truncating toward zero (d may be negative).
 void gamma_line_c(uint8_t* out, int32_t b, int64_t d, int32_t k_begin, int32_t k_end);
 
-#if QIMRA_HAVE_NEON
 // The same, 16 entries per step. Preconditions: (k_end - k_begin) is a
 // multiple of 16, 0 <= k_begin, k_end <= 192 and -255 <= d <= 255, so that
 // k * |d| fits in 16 bits, where the reciprocal division is exact.
 void gamma_line_neon(uint8_t* out, int32_t b, int32_t d, int32_t k_begin, int32_t k_end);
-#endif
 
 }  // namespace qimra

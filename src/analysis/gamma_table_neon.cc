@@ -1,5 +1,6 @@
 // The straight part of the tone table, 16 entries per step.
 #include "analysis/gamma_table.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 

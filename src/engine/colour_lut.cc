@@ -6,6 +6,7 @@
 
 #include "engine/ctx.h"
 #include "simd/convert.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -75,23 +76,30 @@ void colour_lut_row_c(const ColourLutInputs& in, int32_t i, uint16_t* row, int32
     }
 }
 
+void prepare_colour_lut_vector_tables(const ColourLutInputs& in, ColourLutVectorTables* v) {
+    for (int32_t p = 0; p < 2; ++p)
+        for (int32_t n = 0; n < 256; ++n) {
+            int32_t d = 2 * n - 256 - p;
+            if (d < 0) d = -d;
+            // n = 0 is never addressed (it would stand for |i - j| = 256).
+            v->weight[p][n] = d <= 255 ? in.sig45_f[d] : 0.0f;
+        }
+    for (int32_t l = 0; l < kColourLutRowEntries; ++l) v->gamma_even[l] = static_cast<float>(in.gamma_lut[2 * l]);
+}
+
 void build_colour_lut_rows(const ColourLutInputs& in, int32_t first, int32_t last, uint16_t* lut) {
-#if QIMRA_HAVE_NEON
-    ColourLutVectorTables v;
-    prepare_colour_lut_vector_tables(in, &v);
-#if QIMRA_X86_FORMS
-    if (cpu_has_avx2()) {
+    using VectorRow = void (*)(const ColourLutInputs&, const ColourLutVectorTables&, int32_t, uint16_t*, int32_t,
+                               int32_t);
+    static const VectorRow vector_row = select_form<VectorRow>(
+        {.neon = QIMRA_NEON_FORM(colour_lut_row_neon), .avx2 = QIMRA_X86_FORM(colour_lut_row_avx2)});
+    if (vector_row == nullptr) {
         for (int32_t i = first; i <= last; ++i)
-            colour_lut_row_avx2(in, v, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
+            colour_lut_row_c(in, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
         return;
     }
-#endif
-    for (int32_t i = first; i <= last; ++i)
-        colour_lut_row_neon(in, v, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
-#else
-    for (int32_t i = first; i <= last; ++i)
-        colour_lut_row_c(in, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
-#endif
+    ColourLutVectorTables v;
+    prepare_colour_lut_vector_tables(in, &v);
+    for (int32_t i = first; i <= last; ++i) vector_row(in, v, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
 }
 
 }  // namespace qimra

@@ -5,9 +5,6 @@
 
 #include <cstdint>
 
-#include "simd/neon.h"
-#include "simd/x86.h"
-
 namespace qimra {
 
 constexpr int32_t kGainCurveEntries = 700;
@@ -32,7 +29,6 @@ struct ColourLutInputs {
 // points at the row's first entry.
 void colour_lut_row_c(const ColourLutInputs& in, int32_t i, uint16_t* row, int32_t l_begin, int32_t l_end);
 
-#if QIMRA_HAVE_NEON
 // Per-build tables that turn the row's gathers into contiguous loads.
 struct ColourLutVectorTables {
     // weight[p][n] = sig45_f[|2n - 256 - p|]: for a row i of parity p the
@@ -47,14 +43,11 @@ void prepare_colour_lut_vector_tables(const ColourLutInputs& in, ColourLutVector
 void colour_lut_row_neon(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i, uint16_t* row,
                          int32_t l_begin, int32_t l_end);
 
-// x86-64: the same eight lanes wide in AVX2, where cpu_has_avx2().
-#if QIMRA_X86_FORMS
+// x86-64: the same eight lanes wide in AVX2.
 void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i, uint16_t* row,
                          int32_t l_begin, int32_t l_end);
-#endif
-#endif
 
-// Rows first..last of the table at lut, vector form where compiled in.
+// Rows first..last of the table at lut, in the dispatch's form.
 void build_colour_lut_rows(const ColourLutInputs& in, int32_t first, int32_t last, uint16_t* lut);
 
 }  // namespace qimra

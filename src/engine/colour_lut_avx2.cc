@@ -3,12 +3,11 @@
 // and narrowing cost several instructions each; here the conversion is one
 // truncation plus the two fix-ups the saturating rule needs.
 #include "engine/colour_lut.h"
+#include "simd/x86.h"
 
 #if QIMRA_X86_FORMS
 
 #include <immintrin.h>
-
-#define QIMRA_AVX2 __attribute__((target("avx2")))
 
 namespace qimra {
 namespace {

@@ -1,20 +1,10 @@
 // The luma/gain table, 8 entries of a row per step.
 #include "engine/colour_lut.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 
 namespace qimra {
-
-void prepare_colour_lut_vector_tables(const ColourLutInputs& in, ColourLutVectorTables* v) {
-    for (int32_t p = 0; p < 2; ++p)
-        for (int32_t n = 0; n < 256; ++n) {
-            int32_t d = 2 * n - 256 - p;
-            if (d < 0) d = -d;
-            // n = 0 is never addressed (it would stand for |i - j| = 256).
-            v->weight[p][n] = d <= 255 ? in.sig45_f[d] : 0.0f;
-        }
-    for (int32_t l = 0; l < kColourLutRowEntries; ++l) v->gamma_even[l] = static_cast<float>(in.gamma_lut[2 * l]);
-}
 
 namespace {
 

@@ -1,4 +1,5 @@
 // Engine creation and teardown.
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -6,6 +7,7 @@
 #include "engine/ctx.h"
 #include "engine/log.h"
 #include "engine/tables.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -21,6 +23,12 @@ int32_t slot_stride(int32_t aw) { return aw + 19; }
 int32_t slot_rows(int32_t ah, int slot_index) { return coreload[slot_index] * ah / 100 + 39; }
 
 namespace {
+
+// The worker handle, the core counter and the side inputs are process-wide,
+// so the library itself admits one engine at a time. The claim lives here,
+// in the one copy of the library, rather than in any header a plugin or a
+// binding compiles into its own object.
+std::atomic<bool> engine_claimed{false};
 
 template <typename T>
 bool take(T*& field, int bytes) {
@@ -110,6 +118,7 @@ qimra_ctx* abandon_init(ctx* c, bool worker_running) {
     free(c->ds_luma2);
     free(c->gain_map);
     free(c);
+    engine_claimed = false;
     return nullptr;
 }
 
@@ -121,10 +130,20 @@ using namespace qimra;
 extern "C" qimra_ctx* qimra_init(int32_t width, int32_t height, float gamma, uint32_t param4,
                                  int32_t /*arg5*/, int32_t /*arg6*/, int32_t /*arg7*/, int32_t /*arg8*/,
                                  int32_t adaptive_mode, int32_t colour_format) {
+    // Refused before anything is touched: the live engine's side inputs and
+    // counters stay exactly as they are.
+    bool free_slot = false;
+    if (!engine_claimed.compare_exchange_strong(free_slot, true)) {
+        log_line("init refused: an engine already exists in this process; deinit it before creating another");
+        return nullptr;
+    }
     const AnalysisSize a = analysis_size(width, height);
 
     ctx* c = reinterpret_cast<ctx*>(blc_malloc(kCtxAllocBytes));
-    if (c == nullptr) return nullptr;
+    if (c == nullptr) {
+        engine_claimed = false;
+        return nullptr;
+    }
     // Zeroed so that a partly built engine can always be taken apart.
     memset(c, 0, kCtxAllocBytes);
     c->gamma = gamma;
@@ -180,6 +199,8 @@ extern "C" qimra_ctx* qimra_init(int32_t width, int32_t height, float gamma, uin
     log_line("USE_1PASS_GUIDED_FILTER:%d", 1);
     log_line("UPSCALE_BY_4:%d", 0);
     log_line("gamma :%f\tcolour_format:%d", static_cast<double>(gamma), colour_format);
+    // Which forms the kernels run, so that a report names the path it took.
+    log_isa_choice();
     return c;
 }
 
@@ -192,12 +213,14 @@ extern "C" int32_t qimra_deinit(qimra_ctx* c) {
     // buffers it always has, so a process's memory across engines behaves as
     // integrators have measured it.
     if (c->gain_map == nullptr) {
-        free(c);
-        log_line("deinit done ");
-        return 1;
+        mark = 1;
+    } else {
+        free(c->gain_map);
     }
-    free(c->gain_map);
     free(c);
+    engine_claimed = false;
     log_line("deinit done ");
     return mark;
 }
+
+extern "C" int32_t qimra_engine_alive(void) { return engine_claimed ? 1 : 0; }

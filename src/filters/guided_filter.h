@@ -8,9 +8,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "simd/neon.h"
-#include "simd/x86.h"
-
 namespace qimra {
 
 // 1/65025 = 1/255^2 in single precision: eps is given in units of the
@@ -47,26 +44,20 @@ void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, cons
                                 int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
                                 int32_t first_column);
 
-#if QIMRA_HAVE_NEON
 // Vector form: the leading width / 4 groups of four pixels of every row; each
 // group store writes its four results and four zero bytes after them, which
 // the next group (or the per-pixel form) overwrites. Returns the columns done.
 int32_t self_guided_filter_1pass_neon(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                       int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
-#endif
 
-// x86-64 has its own vector form (SSE4.1): translated, the NEON reciprocal
-// estimate and narrowings cost several times the arithmetic. Same groups,
-// same stores, same result.
-#if QIMRA_X86_FORMS
-int32_t self_guided_filter_1pass_sse(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
-                                     int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
-// The same, eight lanes wide; only where cpu_has_avx2().
+// x86-64 has its own vector forms: translated, the NEON reciprocal estimate
+// and narrowings cost several times the arithmetic. Same groups, same
+// stores, same result; the wider forms step eight or sixteen lanes.
+int32_t self_guided_filter_1pass_sse41(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
+                                       int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
 int32_t self_guided_filter_1pass_avx2(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                       int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
-// Sixteen lanes; only where cpu_has_avx512f().
 int32_t self_guided_filter_1pass_avx512(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
                                         int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height);
-#endif
 
 }  // namespace qimra

@@ -6,8 +6,8 @@
 #include "qimra/qimra.h"
 #include "simd/convert.h"
 #include "simd/ftz.h"
+#include "simd/dispatch.h"
 #include "simd/recpe.h"
-#include "simd/x86.h"
 
 namespace qimra {
 
@@ -54,16 +54,12 @@ extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_strid
                                              const uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst,
                                              int width, int height, float*, float*, uint32_t*, uint32_t*) {
     if (width <= 0 || height <= 0) return;
-    int32_t done = 0;
-#if QIMRA_X86_FORMS
-    if (qimra::cpu_has_avx512f())
-        done = qimra::self_guided_filter_1pass_avx512(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
-    else if (qimra::cpu_has_avx2())
-        done = qimra::self_guided_filter_1pass_avx2(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
-    else
-        done = qimra::self_guided_filter_1pass_sse(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
-#elif QIMRA_HAVE_NEON
-    done = qimra::self_guided_filter_1pass_neon(src, ii_sum, ii_sqsum, radius, eps, dst, width, height);
-#endif
-    qimra::self_guided_filter_1pass_c(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, done);
+    using namespace qimra;
+    using Form = decltype(&self_guided_filter_1pass_neon);
+    static const Form form = select_form<Form>({.neon = QIMRA_NEON_FORM(self_guided_filter_1pass_neon),
+                                                .sse41 = QIMRA_X86_FORM(self_guided_filter_1pass_sse41),
+                                                .avx2 = QIMRA_X86_FORM(self_guided_filter_1pass_avx2),
+                                                .avx512 = QIMRA_X86_FORM(self_guided_filter_1pass_avx512)});
+    const int32_t done = form != nullptr ? form(src, ii_sum, ii_sqsum, radius, eps, dst, width, height) : 0;
+    self_guided_filter_1pass_c(src, ii_sum, ii_sqsum, radius, eps, dst, width, height, done);
 }

@@ -1,4 +1,5 @@
 #include "filters/guided_filter.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 

@@ -7,6 +7,7 @@
 #include "filters/guided_filter.h"
 #include "filters/integral_image.h"
 #include "qimra/qimra.h"
+#include "simd/dispatch.h"
 #include "simd/convert.h"
 #include "simd/recpe.h"
 #include "simd/ftz.h"
@@ -35,37 +36,6 @@ void guided_2pass_coefficients_c(const PaddedWindows& w, float inv_n, float eps,
     }
 }
 
-#if QIMRA_HAVE_NEON
-int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, float eps, float* a, float* b,
-                                       int32_t n) {
-    const ptrdiff_t below = w.side * w.stride;
-    const float32x4_t inv_n4 = vdupq_n_f32(inv_n);
-    const float32x4_t norm4 = vdupq_n_f32(kInvSquared255);
-    const float32x4_t eps4 = vdupq_n_f32(eps);
-    const int32_t done = n & ~3;
-    for (int32_t i = 0; i < done; i += 4) {
-        const uint32_t* st = w.sum_top + i;
-        const uint32_t* qt = w.sq_top + i;
-        const uint32x4_t s = vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(st + below + w.side), vld1q_u32(st)),
-                                                 vld1q_u32(st + below)),
-                                       vld1q_u32(st + w.side));
-        const uint32x4_t q = vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(qt + below + w.side), vld1q_u32(qt)),
-                                                 vld1q_u32(qt + below)),
-                                       vld1q_u32(qt + w.side));
-        const float32x4_t mean = vmulq_f32(vcvtq_f32_u32(s), inv_n4);
-        const float32x4_t var =
-            vmulq_f32(vsubq_f32(vmulq_f32(vcvtq_f32_u32(q), inv_n4), vmulq_f32(mean, mean)), norm4);
-        const float32x4_t d = vaddq_f32(var, eps4);
-        float32x4_t r = recpe_f32x4(d);
-        r = vmulq_f32(r, recps_f32x4(d, r));
-        r = vmulq_f32(r, recps_f32x4(d, r));
-        const float32x4_t coef = vmulq_f32(r, var);
-        vst1q_f32(a + i, coef);
-        vst1q_f32(b + i, vsubq_f32(mean, vmulq_f32(coef, mean)));
-    }
-    return done;
-}
-#endif
 
 }  // namespace qimra
 
@@ -94,10 +64,10 @@ void tile_coefficients(const uint32_t* ii_sum, const uint32_t* ii_sqsum, ptrdiff
         const qimra::PaddedWindows w{ii_sum + corner, ii_sqsum + corner, table_stride, 2 * radius + 1};
         float* arow = a + static_cast<ptrdiff_t>(y - r0) * kSpan;
         float* brow = b + static_cast<ptrdiff_t>(y - r0) * kSpan;
-        int done = 0;
-#if QIMRA_HAVE_NEON
-        done = qimra::guided_2pass_coefficients_neon(w, inv_n, eps, arow, brow, n);
-#endif
+        using Form = decltype(&qimra::guided_2pass_coefficients_neon);
+        static const Form form =
+            qimra::select_form<Form>({.neon = QIMRA_NEON_FORM(qimra::guided_2pass_coefficients_neon)});
+        const int done = form != nullptr ? form(w, inv_n, eps, arow, brow, n) : 0;
         const qimra::PaddedWindows rest{w.sum_top + done, w.sq_top + done, w.stride, w.side};
         qimra::guided_2pass_coefficients_c(rest, inv_n, eps, arow + done, brow + done, n - done);
     }

@@ -6,8 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "simd/neon.h"
-
 namespace qimra {
 
 // Largest radius of the two-pass filter: its tables carry the fixed border
@@ -29,10 +27,8 @@ struct PaddedWindows {
 // Newton-Raphson steps) and b = mean - a * mean, as the Advanced SIMD unit
 // computes them.
 void guided_2pass_coefficients_c(const PaddedWindows& w, float inv_n, float eps, float* a, float* b, int32_t n);
-#if QIMRA_HAVE_NEON
 // Whole groups of four only; returns the pixels done (n rounded down to 4).
 int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, float eps, float* a, float* b,
                                        int32_t n);
-#endif
 
 }  // namespace qimra

@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #include "qimra/qimra.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -45,12 +46,10 @@ void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t
     if (border > 0) repeat_pixel(row[0], border, s, q, up, run);
     s += border > 0 ? border : 0;
     q += border > 0 ? border : 0;
-    int32_t x = 0;
-#if QIMRA_X86_FORMS
-    x = integral_row_sse(row, width, s, q, up, run);
-#elif QIMRA_HAVE_NEON
-    x = integral_row_neon(row, width, s, q, up, run);
-#endif
+    using Form = decltype(&integral_row_neon);
+    static const Form form =
+        select_form<Form>({.neon = QIMRA_NEON_FORM(integral_row_neon), .sse41 = QIMRA_X86_FORM(integral_row_sse41)});
+    const int32_t x = form != nullptr ? form(row, width, s, q, up, run) : 0;
     integral_row_c(row + x, width - x, s + x, q + x, up, run);
     if (border > 0) repeat_pixel(row[width - 1], border, s + width, q + width, up, run);
 }

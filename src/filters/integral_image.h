@@ -5,9 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "simd/neon.h"
-#include "simd/x86.h"
-
 namespace qimra {
 
 // Border of replicated pixels around the image described by the padded
@@ -30,18 +27,15 @@ struct RowRun {
 // (`up` entries back, negative) + run, at sum[k] and sq[k].
 void integral_row_c(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run);
 
-#if QIMRA_HAVE_NEON
 // Vector form of the same: the leading whole groups of eight pixels, run
 // updated; returns the pixels done. Prefix sums inside a group by shifted
 // adds, carried from group to group; all lanes wrap as the scalar sums do.
 int32_t integral_row_neon(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up,
                           RowRun& run);
-#endif
 
 // x86-64: the same steps in SSE4.1 (the translated NEON form is barely
 // faster than the per-pixel loop there).
-#if QIMRA_X86_FORMS
-int32_t integral_row_sse(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run);
-#endif
+int32_t integral_row_sse41(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up,
+                           RowRun& run);
 
 }  // namespace qimra

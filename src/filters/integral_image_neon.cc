@@ -5,6 +5,7 @@
 // groups of four, the upper group carried from the lower one's last lane.
 // Lanes wrap modulo 2^32 exactly as the scalar running sums do.
 #include "filters/integral_image.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 

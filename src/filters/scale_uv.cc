@@ -6,6 +6,7 @@
 #include "filters/scale_uv.h"
 
 #include "qimra/qimra.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -50,26 +51,21 @@ void scale_uv_nv_c(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, i
 
 }  // namespace qimra
 
+using namespace qimra;
+
 extern "C" void blc_scale_uv_planar(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                                     const uint8_t* gain, int width, int height) {
-#if QIMRA_X86_FORMS
-    if (qimra::cpu_has_avx2()) return qimra::scale_uv_planar_avx2(in_u, in_v, out_u, out_v, gain, width, height);
-    qimra::scale_uv_planar_sse(in_u, in_v, out_u, out_v, gain, width, height);
-#elif QIMRA_HAVE_NEON
-    qimra::scale_uv_planar_neon(in_u, in_v, out_u, out_v, gain, width, height);
-#else
-    qimra::scale_uv_planar_c(in_u, in_v, out_u, out_v, gain, width, height);
-#endif
+    using Form = decltype(&scale_uv_planar_c);
+    static const Form form = select_form<Form>({scale_uv_planar_c, QIMRA_NEON_FORM(scale_uv_planar_neon),
+                                                QIMRA_X86_FORM(scale_uv_planar_sse41),
+                                                QIMRA_X86_FORM(scale_uv_planar_avx2)});
+    form(in_u, in_v, out_u, out_v, gain, width, height);
 }
 
 extern "C" void blc_scale_uv_nv(const uint8_t* in_uv, const uint8_t*, uint8_t* out_uv, uint8_t*,
                                 const uint8_t* gain, int width, int height) {
-#if QIMRA_X86_FORMS
-    if (qimra::cpu_has_avx2()) return qimra::scale_uv_nv_avx2(in_uv, out_uv, gain, width, height);
-    qimra::scale_uv_nv_sse(in_uv, out_uv, gain, width, height);
-#elif QIMRA_HAVE_NEON
-    qimra::scale_uv_nv_neon(in_uv, out_uv, gain, width, height);
-#else
-    qimra::scale_uv_nv_c(in_uv, out_uv, gain, width, height);
-#endif
+    using Form = decltype(&scale_uv_nv_c);
+    static const Form form = select_form<Form>({scale_uv_nv_c, QIMRA_NEON_FORM(scale_uv_nv_neon),
+                                                QIMRA_X86_FORM(scale_uv_nv_sse41), QIMRA_X86_FORM(scale_uv_nv_avx2)});
+    form(in_uv, out_uv, gain, width, height);
 }

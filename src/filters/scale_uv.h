@@ -4,9 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "simd/neon.h"
-#include "simd/x86.h"
-
 namespace qimra {
 
 // One chroma sample: (c - 128) * g + 4096 in 16-bit arithmetic that wraps
@@ -30,23 +27,23 @@ void scale_uv_planar_c(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u,
                        const uint8_t* gain, int32_t width, int32_t height);
 void scale_uv_nv_c(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
 
-#if QIMRA_HAVE_NEON
 // Lane-for-lane NEON: 8 pairs per step, two steps at a time.
 void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                           const uint8_t* gain, int32_t width, int32_t height);
 void scale_uv_nv_neon(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
-#endif
 
-// x86-64 has its own vector form: translated, the NEON widening and
+// x86-64 has its own vector forms: translated, the NEON widening and
 // narrowing of 8-lane halves costs several shuffles each. The AVX2 forms
-// (only where cpu_has_avx2()) take 32-byte steps and finish as the SSE ones.
-#if QIMRA_X86_FORMS
-void scale_uv_planar_sse(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                         const uint8_t* gain, int32_t width, int32_t height);
-void scale_uv_nv_sse(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
+// take 32-byte steps and finish with the SSE4.1 steps from pair `first` on.
+void scale_uv_planar_sse41(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                           const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_nv_sse41(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_planar_sse41_from(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
+                                const uint8_t* gain, std::size_t first, std::size_t pairs);
+void scale_uv_nv_sse41_from(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, std::size_t first,
+                            std::size_t pairs);
 void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                           const uint8_t* gain, int32_t width, int32_t height);
 void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
-#endif
 
 }  // namespace qimra

@@ -2,6 +2,7 @@
 // one run of groups of 8 pairs; two groups go per step, then a last single
 // group when the count is odd.
 #include "filters/scale_uv.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 

@@ -6,6 +6,7 @@
 
 #include "filters/cheap_clamp.h"
 #include "qimra/qimra.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -13,29 +14,17 @@ void test_asm_bytes_c(const uint8_t* in, uint8_t* out, int n) {
     for (int i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(3u * (2u * in[i] + 233u));
 }
 
-#if QIMRA_HAVE_NEON
-void test_asm_bytes_neon(const uint8_t* in, uint8_t* out, int n) {
-    const uint8x16_t k233 = vdupq_n_u8(233);
-    const uint8x16_t k3 = vdupq_n_u8(3);
-    for (int i = 0; i < n; i += 16) {
-        const uint8x16_t v = vld1q_u8(in + i);
-        vst1q_u8(out + i, vmulq_u8(vaddq_u8(vaddq_u8(v, v), k233), k3));
-    }
-}
-#endif
 
 }  // namespace qimra
 
 namespace {
 
 void test_asm_bytes(const uint8_t* in, uint8_t* out, int n) {
-#if QIMRA_HAVE_NEON
-    const int vec = n & ~15;
-    qimra::test_asm_bytes_neon(in, out, vec);
+    using Form = decltype(&qimra::test_asm_bytes_neon);
+    static const Form form = qimra::select_form<Form>({.neon = QIMRA_NEON_FORM(qimra::test_asm_bytes_neon)});
+    const int vec = form != nullptr ? n & ~15 : 0;
+    if (vec > 0) form(in, out, vec);
     qimra::test_asm_bytes_c(in + vec, out + vec, n - vec);
-#else
-    qimra::test_asm_bytes_c(in, out, n);
-#endif
 }
 
 }  // namespace

@@ -16,14 +16,15 @@
 
 #include "engine/ctx.h"
 #include "simd/arm.h"
+#include "simd/dispatch.h"
 
+namespace qimra {
 namespace {
 
 // Two rows of full-size luma against a full-size base; the entry of every
 // even column of the upper (even) row also gives its 2 x 2 block's gain.
 inline void scale_row_pair_fs(const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b0,
                               const uint8_t* b1, uint8_t* gain, int32_t width, const uint16_t* lut) {
-    using qimra::tone_index;
     for (int32_t x = 0; x < width; x += 2) {
         const uint16_t e00 = lut[tone_index(s0[x], b0[x])];
         const uint16_t e01 = lut[tone_index(s0[x + 1], b0[x + 1])];
@@ -39,9 +40,8 @@ inline void scale_row_pair_fs(const uint8_t* s0, const uint8_t* s1, uint8_t* d0,
 
 }  // namespace
 
-extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                               const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
-    const uint16_t* lut = c->chroma_lut16;
+void scale_y_fs_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                  uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
     const int32_t blocks_w = width / 4;
     const int32_t blocks_h = height / 4;
     if (blocks_w <= 0 || blocks_h <= 0) return;
@@ -60,11 +60,8 @@ extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst,
     }
 }
 
-namespace qimra {
-
-void scale_y_2x2nn_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, const uint8_t* base,
-                     uint8_t* gain, int width, int height, qimra_ctx* c) {
-    const uint16_t* lut = c->chroma_lut16;
+void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                     uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
     walk_block_rows_2x2nn(src, src_stride, dst, dst_stride, base, gain, width, height,
                           [lut](const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b,
                                 uint8_t* g, int32_t blocks) { scale_blocks_2x2nn(s0, s1, d0, d1, b, g, lut, 0, blocks); });
@@ -72,11 +69,18 @@ void scale_y_2x2nn_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_s
 
 }  // namespace qimra
 
+using namespace qimra;
+
+extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                               const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
+    using Form = decltype(&scale_y_fs_c);
+    static const Form form = select_form<Form>({.c = scale_y_fs_c});
+    form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);
+}
+
 extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                                   const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
-#if QIMRA_ARM_FORMS
-    qimra::scale_y_2x2nn_arm(src, src_stride, dst, dst_stride, base, gain, width, height, c);
-#else
-    qimra::scale_y_2x2nn_c(src, src_stride, dst, dst_stride, base, gain, width, height, c);
-#endif
+    using Form = decltype(&scale_y_2x2nn_c);
+    static const Form form = select_form<Form>({.c = scale_y_2x2nn_c, .neon = QIMRA_ARM_FORM(scale_y_2x2nn_arm)});
+    form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);
 }

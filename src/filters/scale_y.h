@@ -7,8 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "qimra/qimra.h"
-
 namespace qimra {
 
 // Look-up index of a pixel against its base value: base values 2k and
@@ -38,8 +36,8 @@ inline void scale_blocks_2x2nn(const uint8_t* s0, const uint8_t* s1, uint8_t* d0
 // The walk of blc_scale_y_2x2nn over whole 2 x 2 blocks (see scale_y.cc):
 // row(s0, s1, d0, d1, base, gain, blocks) scales one row of blocks.
 template <typename Row>
-inline void walk_block_rows_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                                  const uint8_t* base, uint8_t* gain, int width, int height, Row row) {
+inline void walk_block_rows_2x2nn(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+                                  const uint8_t* base, uint8_t* gain, int32_t width, int32_t height, Row row) {
     const int32_t blocks_w = width / 2;
     const int32_t blocks_h = height / 2;
     if (blocks_w <= 0 || blocks_h <= 0) return;
@@ -54,11 +52,15 @@ inline void walk_block_rows_2x2nn(const uint8_t* src, int src_stride, uint8_t* d
     }
 }
 
-// The per-pixel form of blc_scale_y_2x2nn (same arguments).
-void scale_y_2x2nn_c(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, const uint8_t* base,
-                     uint8_t* gain, int width, int height, qimra_ctx* c);
-// The Thumb-2 form, built where QIMRA_ARM_FORMS holds (simd/arm.h).
-void scale_y_2x2nn_arm(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, const uint8_t* base,
-                       uint8_t* gain, int width, int height, qimra_ctx* c);
+// Per-pixel forms of blc_scale_y_fs and blc_scale_y_2x2nn, given the table
+// (the engine's chroma_lut16) rather than the engine.
+void scale_y_fs_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                  uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
+void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                     uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
+// The Thumb-2 form of scale_y_2x2nn_c, built where QIMRA_ARM_FORMS holds
+// (simd/arm.h).
+void scale_y_2x2nn_arm(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+                       const uint8_t* base, uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
 
 }  // namespace qimra

@@ -22,8 +22,6 @@
 
 #if QIMRA_ARM_FORMS
 
-#include "engine/ctx.h"
-
 namespace qimra {
 namespace {
 
@@ -111,9 +109,8 @@ __attribute__((naked, noipa, target("thumb"))) void scale_y_rounds_2x2nn(const B
 
 }  // namespace
 
-void scale_y_2x2nn_arm(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, const uint8_t* base,
-                       uint8_t* gain, int width, int height, qimra_ctx* c) {
-    const uint16_t* lut = c->chroma_lut16;
+void scale_y_2x2nn_arm(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
+                       const uint8_t* base, uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
     walk_block_rows_2x2nn(src, src_stride, dst, dst_stride, base, gain, width, height,
                           [lut](const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b,
                                 uint8_t* g, int32_t blocks) {

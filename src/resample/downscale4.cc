@@ -4,6 +4,7 @@
 
 #include "engine/ctx.h"
 #include "resample/overlap.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -17,12 +18,13 @@ void downscale4_row_c(const uint8_t* row0, const uint8_t* row1, uint8_t* dst, in
 }
 
 void downscale4_row(const uint8_t* row0, const uint8_t* row1, uint8_t* dst, int32_t n) {
+    using Form = decltype(&downscale4_row_neon);
+    static const Form form = select_form<Form>({.neon = QIMRA_NEON_FORM(downscale4_row_neon)});
     int32_t done = 0;
-#if QIMRA_HAVE_NEON
     const std::size_t src_bytes = 4 * static_cast<std::size_t>(n);
-    if (n >= 16 && !ranges_overlap(dst, n, row0, src_bytes) && !ranges_overlap(dst, n, row1, src_bytes))
-        done = downscale4_row_neon(row0, row1, dst, n);
-#endif
+    if (form != nullptr && n >= 16 && !ranges_overlap(dst, n, row0, src_bytes) &&
+        !ranges_overlap(dst, n, row1, src_bytes))
+        done = form(row0, row1, dst, n);
     downscale4_row_c(row0 + 4 * done, row1 + 4 * done, dst + done, n - done);
 }
 

@@ -1,4 +1,5 @@
 #include "resample/downscale4.h"
+#include "simd/neon.h"
 
 #if QIMRA_HAVE_NEON
 

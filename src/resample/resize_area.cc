@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "resample/u_mat.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 
@@ -14,19 +15,6 @@ void area_mean_2x2_c(const uint8_t* s0, const uint8_t* s1, uint8_t* dst, int x_b
     }
 }
 
-#if QIMRA_HAVE_NEON
-int area_mean_2x2_neon(const uint8_t* s0, const uint8_t* s1, uint8_t* dst, int w) {
-    int dx = 0;
-    for (; dx + 16 <= w; dx += 16) {
-        const uint16x8_t lo = vaddq_u16(vpaddlq_u8(vld1q_u8(s0 + 2 * dx)), vpaddlq_u8(vld1q_u8(s1 + 2 * dx)));
-        const uint16x8_t hi =
-            vaddq_u16(vpaddlq_u8(vld1q_u8(s0 + 2 * dx + 16)), vpaddlq_u8(vld1q_u8(s1 + 2 * dx + 16)));
-        // The rounding shift adds 2 before >> 2: halves go up.
-        vst1q_u8(dst + dx, vcombine_u8(vrshrn_n_u16(lo, 2), vrshrn_n_u16(hi, 2)));
-    }
-    return dx;
-}
-#endif
 
 }  // namespace qimra
 
@@ -63,10 +51,9 @@ extern "C" int resizeAreaFastVec(int scale_x, int scale_y, int cn, int step, con
     if (scale_x != 2 || scale_y != 2) return 0;
     const uint8_t* S1 = S + step;
     if (cn == 1) {
-        int dx = 0;
-#if QIMRA_HAVE_NEON
-        dx = qimra::area_mean_2x2_neon(S, S1, D, w);
-#endif
+        using Form = decltype(&qimra::area_mean_2x2_neon);
+        static const Form form = qimra::select_form<Form>({.neon = QIMRA_NEON_FORM(qimra::area_mean_2x2_neon)});
+        const int dx = form != nullptr ? form(S, S1, D, w) : 0;
         qimra::area_mean_2x2_c(S, S1, D, dx, w);
         return std::max(w, 0);
     }

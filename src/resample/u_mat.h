@@ -7,7 +7,6 @@
 #include <cstdint>
 
 #include "qimra/qimra.h"
-#include "simd/neon.h"
 
 namespace qimra {
 
@@ -28,10 +27,8 @@ void vresizeLinear_c(const int* row0, const int* row1, uint8_t* dst, int b0, int
 // x_begin .. w - 1 of one channel; s0, s1 are two source rows.
 void area_mean_2x2_c(const uint8_t* s0, const uint8_t* s1, uint8_t* dst, int x_begin, int w);
 
-#if QIMRA_HAVE_NEON
 // The same in blocks of 16 pixels; return the pixels done.
 int vresizeLinear_neon(const int* row0, const int* row1, uint8_t* dst, int b0, int b1, int width);
 int area_mean_2x2_neon(const uint8_t* s0, const uint8_t* s1, uint8_t* dst, int w);
-#endif
 
 }  // namespace qimra

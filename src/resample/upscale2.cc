@@ -4,6 +4,7 @@
 
 #include "qimra/qimra.h"
 #include "resample/overlap.h"
+#include "simd/dispatch.h"
 
 namespace qimra {
 namespace {
@@ -35,18 +36,14 @@ void upscale2_rows_c(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, ui
 }
 
 void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w) {
-    int32_t x = 0;
-#if QIMRA_HAVE_NEON
+    using Form = decltype(&upscale2_rows_neon);
+    static const Form form = select_form<Form>({.neon = QIMRA_NEON_FORM(upscale2_rows_neon),
+                                                .sse41 = QIMRA_X86_FORM(upscale2_rows_sse41),
+                                                .avx2 = QIMRA_X86_FORM(upscale2_rows_avx2)});
     const std::size_t sw = static_cast<std::size_t>(w);
     const bool disjoint = !ranges_overlap(dst0, 2 * sw, src0, sw) && !ranges_overlap(dst0, 2 * sw, src1, sw) &&
                           !ranges_overlap(dst1, 2 * sw, src0, sw) && !ranges_overlap(dst1, 2 * sw, src1, sw);
-#if QIMRA_X86_FORMS
-    if (disjoint) x = cpu_has_avx2() ? upscale2_rows_avx2(src0, src1, dst0, dst1, w)
-                                     : upscale2_rows_sse(src0, src1, dst0, dst1, w);
-#else
-    if (disjoint) x = upscale2_rows_neon(src0, src1, dst0, dst1, w);
-#endif
-#endif
+    const int32_t x = form != nullptr && disjoint ? form(src0, src1, dst0, dst1, w) : 0;
     upscale2_rows_c(src0, src1, dst0, dst1, w, x);
 }
 

@@ -4,9 +4,6 @@
 
 #include <cstdint>
 
-#include "simd/neon.h"
-#include "simd/x86.h"
-
 namespace qimra {
 
 // Destination rows 2y and 2y + 1 (dst0, dst1; 2w pixels each) from source
@@ -16,24 +13,22 @@ namespace qimra {
 void upscale2_rows_c(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w,
                      int32_t x_begin);
 
-#if QIMRA_HAVE_NEON
 // Source columns 16 at a time; returns the first column it did not do. The
 // NEON form does every column of a row of 16 or more (its last step
 // overlaps the one before); the x86 forms stop while more than 15 columns
 // with a right neighbour remain. The destination rows must not overlap the
 // source rows.
 int32_t upscale2_rows_neon(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
-#endif
 
-// x86-64 has its own form of the same steps (SSE2): translated, the NEON
-// form's widening multiplies and interleaving store cost several shuffles.
-#if QIMRA_X86_FORMS
-int32_t upscale2_rows_sse(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
-// 32 columns a step where cpu_has_avx2(), then the SSE steps.
+// x86-64 has its own form of the same steps: translated, the NEON form's
+// widening multiplies and interleaving store cost several shuffles. The
+// AVX2 form takes 32 columns a step, then the SSE4.1 steps from column x on.
+int32_t upscale2_rows_sse41(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
+int32_t upscale2_rows_sse41_from(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w,
+                                 int32_t x);
 int32_t upscale2_rows_avx2(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
-#endif
 
-// One row pair, vector form where it applies.
+// One row pair, in the dispatch's form where the rows do not overlap.
 void upscale2_rows(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
 
 }  // namespace qimra

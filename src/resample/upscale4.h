@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "resample/overlap.h"
-#include "simd/neon.h"
 
 namespace qimra {
 
@@ -27,15 +26,17 @@ inline uint32_t start_fraction(uint32_t step) {
     return frac == 0 ? 32768u : frac >> 1;
 }
 
+// Weights in sixteenths on a column and on its right neighbour for the four
+// horizontal phases.
+constexpr uint32_t kUpscale4Phase[4][2] = {{13, 3}, {9, 7}, {5, 11}, {1, 15}};
+
 // One destination row of 4 * ws pixels from source rows a (weight 16 - f)
 // and b (weight f), f in 0..15, starting at source column x_begin. An
 // unblended row is f = 0 with b = a.
 void upscale4_row_c(const uint8_t* a, const uint8_t* b, uint8_t* dst, int x_begin, int ws, uint32_t f);
 
-#if QIMRA_HAVE_NEON
 // The same for 16 source columns at a time while more than 15 interior
 // columns remain; returns the source columns done.
 int upscale4_row_neon(const uint8_t* a, const uint8_t* b, uint8_t* dst, int ws, uint32_t f);
-#endif
 
 }  // namespace qimra

@@ -43,7 +43,7 @@ inline __m128 recpe_f32x4_sse(__m128 x) {
     return _mm_castsi128_ps(result);
 }
 
-__attribute__((target("avx2"))) inline __m256 recpe_f32x8_avx2(__m256 x) {
+QIMRA_AVX2 inline __m256 recpe_f32x8_avx2(__m256 x) {
     const __m256i bits = _mm256_castps_si256(x);
     const __m256i byte = _mm256_set1_epi32(0xFF);
     const __m256i sign = _mm256_and_si256(bits, _mm256_set1_epi32(static_cast<int32_t>(0x80000000u)));
@@ -65,7 +65,7 @@ __attribute__((target("avx2"))) inline __m256 recpe_f32x8_avx2(__m256 x) {
     return _mm256_castsi256_ps(result);
 }
 
-__attribute__((target("avx512f"))) inline __m512 recpe_f32x16_avx512(__m512 x) {
+QIMRA_AVX512 inline __m512 recpe_f32x16_avx512(__m512 x) {
     const __m512i bits = _mm512_castps_si512(x);
     const __m512i byte = _mm512_set1_epi32(0xFF);
     const __m512i sign = _mm512_and_si512(bits, _mm512_set1_epi32(static_cast<int32_t>(0x80000000u)));

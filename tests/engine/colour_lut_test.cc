@@ -14,6 +14,7 @@
 #include "engine/ctx.h"
 #include "engine/tables.h"
 #include "support/engine_helpers.h"
+#include "support/forms.h"
 
 namespace qimra {
 namespace {
@@ -233,8 +234,10 @@ TEST(ColourLut, SingleThreadedBuilderKeepsTheLowByteOfLargeGains) {
     expect_same_lut(c.lut(), reference_lut(*c.get(), curve), "large gains");
 }
 
-#if QIMRA_HAVE_NEON
-TEST(ColourLut, VectorRowMatchesPerPixelRow) {
+TEST(ColourLut, VectorRowsMatchPerPixelRow) {
+    using Form = void (*)(const ColourLutInputs&, const ColourLutVectorTables&, int32_t, uint16_t*, int32_t, int32_t);
+    const auto forms =
+        test::vector_forms<Form>({.neon = QIMRA_NEON_FORM(colour_lut_row_neon), .avx2 = QIMRA_X86_FORM(colour_lut_row_avx2)});
     LutContext c;
     for (uint32_t seed : {1u, 2u, 3u, 4u, 5u, 6u}) {
         c.random_gamma(seed);
@@ -246,22 +249,16 @@ TEST(ColourLut, VectorRowMatchesPerPixelRow) {
         for (int32_t i = 0; i < 256; ++i)
             for (const auto& [begin, end] : {std::pair{0, 128}, std::pair{8, 120}, std::pair{40, 48}}) {
                 // The row ends exactly at the end of its allocation.
-                std::vector<uint16_t> expect(end, 0x5A5A), got(end, 0x5A5A);
+                std::vector<uint16_t> expect(end, 0x5A5A);
                 colour_lut_row_c(in, i, expect.data(), begin, end);
-                colour_lut_row_neon(in, v, i, got.data(), begin, end);
-                ASSERT_EQ(got, expect) << "row " << i << " entries " << begin << ".." << end << " seed " << seed;
-#if QIMRA_X86_FORMS
-                if (cpu_has_avx2()) {
-                    std::vector<uint16_t> wide(end, 0x5A5A);
-                    colour_lut_row_avx2(in, v, i, wide.data(), begin, end);
-                    ASSERT_EQ(wide, expect) << "avx2 row " << i << " entries " << begin << ".." << end << " seed "
-                                            << seed;
+                for (const auto& [name, form] : forms) {
+                    std::vector<uint16_t> got(end, 0x5A5A);
+                    form(in, v, i, got.data(), begin, end);
+                    ASSERT_EQ(got, expect) << name << " row " << i << " entries " << begin << ".." << end << " seed "
+                                           << seed;
                 }
-#endif
             }
     }
 }
-#endif
-
 }  // namespace
 }  // namespace qimra

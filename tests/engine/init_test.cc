@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "simd/dispatch.h"
 #include "support/engine_helpers.h"
 
 namespace qimra::test {
@@ -139,7 +140,14 @@ TEST(InitLog, ReportsTheBuiltInConfiguration) {
         "V/qimra: BLC init with 2 cores ht 480 wd 640", "V/qimra: V11- CDS supported for 410 chroma format",
         "V/qimra: Adaptive mode:2",                     "V/qimra: USE_1PASS_GUIDED_FILTER:1",
         "V/qimra: UPSCALE_BY_4:0",                      "V/qimra: gamma :0.750000\tcolour_format:3"};
-    EXPECT_EQ(lines_of(err), expected);
+    std::vector<std::string> lines = lines_of(err);
+    // Then the instruction set, after a line on QIMRA_ISA where it was lowered
+    // or not understood.
+    ASSERT_GE(lines.size(), expected.size() + 1);
+    EXPECT_EQ(lines.back(), std::string("V/qimra: instruction set: ") + isa_name(active_isa()));
+    EXPECT_EQ(lines.size() - expected.size(), isa_choice().note.empty() ? 1u : 2u);
+    lines.resize(expected.size());
+    EXPECT_EQ(lines, expected);
     EXPECT_EQ(c->param4, 7u);
     EXPECT_EQ(c->adaptive_mode, 2);
     EXPECT_EQ(c->colour_format, 3);
@@ -196,6 +204,50 @@ TEST(Teardown, ManyCyclesLeaveNoThreadBehind) {
     const int threads_before = settled_thread_count();
     for (int i = 0; i < 20; ++i) quiet_deinit(quiet_init(320, 240));
     EXPECT_EQ(thread_count_settling_to(threads_before), threads_before);
+}
+
+// The library admits one engine per process. A refused init must leave the
+// live engine's process-wide inputs alone: a CDS request registered before
+// it keeps switching the chroma off, so every later frame matches a run
+// without the refused call.
+TEST(OneEngine, SecondInitIsRefusedAndTheLiveEngineRunsOn) {
+    constexpr int kW = 64, kH = 64, kFrames = 8, kRefuseAfter = 3;
+    auto run = [&](bool try_second) {
+        reset_globals();
+        Frame420 src(kW, kH);
+        std::vector<std::vector<uint8_t>> outs;
+        qimra_ctx* c = quiet_init(kW, kH, 0, 2);
+        EXPECT_EQ(qimra_engine_alive(), 1);
+        const int32_t cds_on = 1;
+        capture_stderr([&] { qimra_register_cds_params(c, &cds_on); });
+        for (int f = 0; f < kFrames; ++f) {
+            if (try_second && f == kRefuseAfter) {
+                const int32_t mem_before = total_mem;
+                qimra_ctx* second = c;
+                const std::string out = capture_stdout([&] {
+                    const std::string err = capture_stderr([&] { second = qimra_init(kW, kH, 0.5f, 0, 0, 0, 0, 0, 2, 0); });
+                    EXPECT_NE(err.find("an engine already exists"), std::string::npos) << err;
+                });
+                EXPECT_EQ(second, nullptr);
+                EXPECT_EQ(out, "");
+                EXPECT_EQ(total_mem, mem_before);
+            }
+            fill_random(src.y(), src.bytes.size(), 77 + f);
+            Frame420 dst(kW, kH);
+            qimra_process(c, src.y(), kW, kH, dst.y(), kW, kH);
+            outs.push_back(dst.bytes);
+        }
+        quiet_deinit(c);
+        EXPECT_EQ(qimra_engine_alive(), 0);
+        return outs;
+    };
+    const auto plain = run(false);
+    const auto refused = run(true);
+    for (int f = 0; f < kFrames; ++f) EXPECT_EQ(refused[f], plain[f]) << "frame " << f;
+    // The claim went with the engine: the next init is admitted.
+    qimra_ctx* again = quiet_init(kW, kH);
+    EXPECT_NE(again, nullptr);
+    quiet_deinit(again);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "filters/integral_reference.h"
 #include "qimra/qimra.h"
 #include "support/engine_helpers.h"
+#include "support/forms.h"
 
 namespace qimra::test {
 namespace {
@@ -150,7 +151,6 @@ TEST(IntegralUnpadded, DegenerateSizesWriteOnlyTheZeroBorder) {
     }
 }
 
-#if QIMRA_HAVE_NEON
 // The vector row form against the per-pixel form: the same entries and the
 // same run for every width, from runs that start near the wrap, over a row
 // above of arbitrary words; bright rows make the square sums large.
@@ -172,11 +172,8 @@ TEST(IntegralRow, VectorFormMatchesPerPixelForm) {
             RowRun want = start;
             integral_row_c(row.data(), w, want_sum.data() + w, want_sq.data() + w, up, want);
             using Form = int32_t (*)(const uint8_t*, int32_t, uint32_t*, uint32_t*, ptrdiff_t, RowRun&);
-            std::vector<std::pair<const char*, Form>> forms = {{"neon", integral_row_neon}};
-#if QIMRA_X86_FORMS
-            forms.emplace_back("sse", integral_row_sse);
-#endif
-            for (const auto& [name, form] : forms) {
+            for (const auto& [name, form] : vector_forms<Form>(
+                     {.neon = QIMRA_NEON_FORM(integral_row_neon), .sse41 = QIMRA_X86_FORM(integral_row_sse41)})) {
                 std::vector<uint32_t> got_sum = start_rows, got_sq = start_rows;
                 RowRun got = start;
                 const int32_t done = form(row.data(), w, got_sum.data() + w, got_sq.data() + w, up, got);
@@ -191,7 +188,5 @@ TEST(IntegralRow, VectorFormMatchesPerPixelForm) {
         }
     }
 }
-#endif
-
 }  // namespace
 }  // namespace qimra::test

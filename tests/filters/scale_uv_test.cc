@@ -9,6 +9,7 @@
 
 #include "filters/scale_uv.h"
 #include "support/engine_helpers.h"
+#include "support/forms.h"
 
 namespace qimra::test {
 namespace {
@@ -45,19 +46,19 @@ struct Form {
     PlanarFn planar;
     InterleavedFn nv;
 };
-const Form kForms[] = {
-    {"exported", blc_scale_uv_planar, exported_nv},
-#if QIMRA_HAVE_NEON
-    {"neon", scale_uv_planar_neon, scale_uv_nv_neon},
-#endif
-#if QIMRA_X86_FORMS
-    {"sse", scale_uv_planar_sse, scale_uv_nv_sse},
-    {"avx2", scale_uv_planar_avx2, scale_uv_nv_avx2},
-#endif
-};
 
-// The forms this processor can run.
-bool runs_here(const Form& f) { return std::string(f.name) != "avx2" || cpu_has_avx2(); }
+// The exported functions and every vector form this processor runs.
+std::vector<Form> forms() {
+    std::vector<Form> all = {{"exported", blc_scale_uv_planar, exported_nv}};
+    const auto planar = vector_forms<PlanarFn>({.neon = QIMRA_NEON_FORM(scale_uv_planar_neon),
+                                               .sse41 = QIMRA_X86_FORM(scale_uv_planar_sse41),
+                                               .avx2 = QIMRA_X86_FORM(scale_uv_planar_avx2)});
+    const auto nv = vector_forms<InterleavedFn>({.neon = QIMRA_NEON_FORM(scale_uv_nv_neon),
+                                                 .sse41 = QIMRA_X86_FORM(scale_uv_nv_sse41),
+                                                 .avx2 = QIMRA_X86_FORM(scale_uv_nv_avx2)});
+    for (size_t i = 0; i < planar.size(); ++i) all.push_back({planar[i].first, planar[i].second, nv[i].second});
+    return all;
+}
 
 TEST(ScaleUv, EverySampleAndGainPairMatchesTheWrappingFormula) {
     // 65536 pairs: width 16 and 16384 luma rows give 8192 rows of 8 pairs.
@@ -67,9 +68,9 @@ TEST(ScaleUv, EverySampleAndGainPairMatchesTheWrappingFormula) {
         b.v[i] = b.uv[2 * i + 1] = uint8_t(255 - (i & 0xFF));
         b.gain[i] = uint8_t(i >> 8);
     }
-    std::vector<Form> forms(std::begin(kForms), std::end(kForms));
-    forms.push_back({"per-pixel", scale_uv_planar_c, scale_uv_nv_c});
-    for (const Form& f : forms) {
+    std::vector<Form> all = forms();
+    all.push_back({"per-pixel", scale_uv_planar_c, scale_uv_nv_c});
+    for (const Form& f : all) {
         std::vector<uint8_t> ou(b.pairs), ov(b.pairs), ouv(2 * b.pairs);
         f.planar(b.u.data(), b.v.data(), ou.data(), ov.data(), b.gain.data(), 16, 16384);
         f.nv(b.uv.data(), ouv.data(), b.gain.data(), 16, 16384);
@@ -102,8 +103,7 @@ TEST(ScaleUv, VectorFormsMatchPerPixelFormsInPlaceToo) {
             scale_uv_planar_c(b.u.data(), b.v.data(), wu.data(), wv.data(), b.gain.data(), width, height);
             scale_uv_nv_c(b.uv.data(), wuv.data(), b.gain.data(), width, height);
 
-            for (const Form& f : kForms) {
-                if (!runs_here(f)) continue;
+            for (const Form& f : forms()) {
                 std::vector<uint8_t> gu(b.pairs), gv(b.pairs), guv(2 * b.pairs);
                 f.planar(b.u.data(), b.v.data(), gu.data(), gv.data(), b.gain.data(), width, height);
                 f.nv(b.uv.data(), guv.data(), b.gain.data(), width, height);

@@ -30,12 +30,20 @@ struct Case {
     int32_t block;  // 4 for the full-size base, 2 for the half-size base
     const char* name;
 };
-// blc_scale_y_2x2nn runs the fastest form the build has; the per-pixel form
-// is listed too where that is another one.
-const Case kCases[] = {{blc_scale_y_fs, 4, "fs"},
-                       {blc_scale_y_2x2nn, 2, "2x2nn"},
+// blc_scale_y_2x2nn runs the form the dispatch chose; where that can be the
+// Thumb-2 form, the per-pixel and the Thumb-2 form are listed too.
+const Case kCases[] = {
+    {blc_scale_y_fs, 4, "fs"},
+    {blc_scale_y_2x2nn, 2, "2x2nn"},
 #if QIMRA_ARM_FORMS
-                       {scale_y_2x2nn_c, 2, "2x2nn per-pixel"},
+    {[](const uint8_t* s, int ss, uint8_t* d, int ds, const uint8_t* b, uint8_t* g, int w, int h, qimra_ctx* c) {
+         scale_y_2x2nn_c(s, ss, d, ds, b, g, w, h, c->chroma_lut16);
+     },
+     2, "2x2nn per-pixel"},
+    {[](const uint8_t* s, int ss, uint8_t* d, int ds, const uint8_t* b, uint8_t* g, int w, int h, qimra_ctx* c) {
+         scale_y_2x2nn_arm(s, ss, d, ds, b, g, w, h, c->chroma_lut16);
+     },
+     2, "2x2nn thumb-2"},
 #endif
 };
 

@@ -3,10 +3,12 @@
 // the per-pixel form.
 #include <gtest/gtest.h>
 
+#include <string_view>
 #include <vector>
 
 #include "resample/upscale2.h"
 #include "support/engine_helpers.h"
+#include "support/forms.h"
 
 namespace qimra::test {
 namespace {
@@ -65,22 +67,13 @@ TEST(Upscale2Rows, VectorFormMatchesPerPixelForm) {
         }
 }
 
-#if QIMRA_HAVE_NEON
 // Each vector form directly (on x86-64 both the NEON form, translated, and
 // the x86 form the dispatch prefers), finished by the per-pixel form.
 TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
     using Form = int32_t (*)(const uint8_t*, const uint8_t*, uint8_t*, uint8_t*, int32_t);
-    struct Case {
-        const char* name;
-        Form form;
-        bool whole_row;  // does the last columns too
-    };
-    std::vector<Case> forms = {{"neon", upscale2_rows_neon, true}};
-#if QIMRA_X86_FORMS
-    forms.push_back({"sse", upscale2_rows_sse, false});
-    if (cpu_has_avx2()) forms.push_back({"avx2", upscale2_rows_avx2, false});
-#endif
-    for (const auto& [name, form, whole_row] : forms)
+    for (const auto& [name, form] : vector_forms<Form>({.neon = QIMRA_NEON_FORM(upscale2_rows_neon),
+                                                        .sse41 = QIMRA_X86_FORM(upscale2_rows_sse41),
+                                                        .avx2 = QIMRA_X86_FORM(upscale2_rows_avx2)}))
         for (int32_t w : {16, 17, 18, 31, 32, 33, 48, 49, 64, 65, 97, 480}) {
             std::vector<uint8_t> s0(w), s1(w);
             fill_random(s0.data(), w, 700 + w);
@@ -90,13 +83,14 @@ TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
             std::vector<uint8_t> want0(2 * w), want1(2 * w), got0(2 * w), got1(2 * w);
             upscale2_rows_c(s0.data(), s1.data(), want0.data(), want1.data(), w, 0);
             const int32_t done = form(s0.data(), s1.data(), got0.data(), got1.data(), w);
+            // The NEON form does the last columns too; the x86 forms leave them.
+            const bool whole_row = std::string_view(name) == "neon";
             EXPECT_EQ(done, whole_row ? w : (w - 1) / 16 * 16) << name << " w=" << w;
             upscale2_rows_c(s0.data(), s1.data(), got0.data(), got1.data(), w, done);
             ASSERT_EQ(got0, want0) << name << " w=" << w;
             ASSERT_EQ(got1, want1) << name << " w=" << w;
         }
 }
-#endif
 
 TEST(Upscale2Rows, DestinationOverlappingTheSourceKeepsThePerPixelOrder) {
     // In place on the upper row: the per-pixel form reads samples it has

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "simd/x86.h"
+#include "simd/dispatch.h"
 #include "support/engine_helpers.h"
 #include "support/media.h"
 
@@ -37,7 +37,7 @@ void dirty() { __asm__ volatile("vpcmpeqd %%ymm0, %%ymm0, %%ymm0" ::: "xmm0"); }
 class AvxState : public testing::Test {
 protected:
     void SetUp() override {
-        if (!cpu_has_avx2()) GTEST_SKIP() << "this processor has no AVX2";
+        if (cpu_isa() < Isa::avx2) GTEST_SKIP() << "this processor has no AVX2";
         if (!can_read_in_use()) GTEST_SKIP() << "this processor cannot report the registers' state";
     }
 };

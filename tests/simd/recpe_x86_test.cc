@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "simd/dispatch.h"
 #include "simd/recpe.h"
 
 #if QIMRA_X86_FORMS
@@ -55,14 +56,14 @@ TEST(RecpeX86, FourLanesMatchTheScalarEstimate) {
     }
 }
 
-__attribute__((target("avx2"))) void eight_lanes(const uint32_t* in, uint32_t* out) {
+QIMRA_AVX2 void eight_lanes(const uint32_t* in, uint32_t* out) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out),
                         _mm256_castps_si256(recpe_f32x8_avx2(
                             _mm256_castsi256_ps(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(in))))));
 }
 
 TEST(RecpeX86, EightLanesMatchTheScalarEstimate) {
-    if (!cpu_has_avx2()) GTEST_SKIP() << "this processor has no AVX2";
+    if (cpu_isa() < Isa::avx2) GTEST_SKIP() << "this processor has no AVX2";
     const std::vector<uint32_t> in = operands();
     for (size_t i = 0; i + 8 <= in.size(); i += 8) {
         uint32_t out[8];
@@ -73,12 +74,12 @@ TEST(RecpeX86, EightLanesMatchTheScalarEstimate) {
     }
 }
 
-__attribute__((target("avx512f"))) void sixteen_lanes(const uint32_t* in, uint32_t* out) {
+QIMRA_AVX512 void sixteen_lanes(const uint32_t* in, uint32_t* out) {
     _mm512_storeu_si512(out, _mm512_castps_si512(recpe_f32x16_avx512(_mm512_castsi512_ps(_mm512_loadu_si512(in)))));
 }
 
 TEST(RecpeX86, SixteenLanesMatchTheScalarEstimate) {
-    if (!cpu_has_avx512f()) GTEST_SKIP() << "this processor has no AVX-512";
+    if (cpu_isa() < Isa::avx512) GTEST_SKIP() << "this processor has no AVX-512";
     const std::vector<uint32_t> in = operands();
     for (size_t i = 0; i + 16 <= in.size(); i += 16) {
         uint32_t out[16];

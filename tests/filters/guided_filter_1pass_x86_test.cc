@@ -15,6 +15,7 @@
 #include "qimra/qimra.h"
 #include "simd/x86.h"
 #include "support/engine_helpers.h"
+#include "support/forms.h"
 
 #if QIMRA_X86_FORMS
 
@@ -50,12 +51,11 @@ std::vector<uint8_t> per_pixel(const Image& im, const uint32_t* sum, const uint3
 using VectorForm = int32_t (*)(const uint8_t*, const uint32_t*, const uint32_t*, int32_t, float, uint8_t*, int32_t,
                                int32_t);
 
-// The forms this processor runs.
+// The x86 forms this processor runs.
 std::vector<std::pair<const char*, VectorForm>> forms() {
-    std::vector<std::pair<const char*, VectorForm>> f = {{"sse", self_guided_filter_1pass_sse}};
-    if (cpu_has_avx2()) f.emplace_back("avx2", self_guided_filter_1pass_avx2);
-    if (cpu_has_avx512f()) f.emplace_back("avx512", self_guided_filter_1pass_avx512);
-    return f;
+    return vector_forms<VectorForm>({.sse41 = self_guided_filter_1pass_sse41,
+                                     .avx2 = self_guided_filter_1pass_avx2,
+                                     .avx512 = self_guided_filter_1pass_avx512});
 }
 
 // A vector form for its columns, finished by the per-pixel form as the
@@ -69,7 +69,7 @@ std::vector<uint8_t> vector_form(VectorForm form, const Image& im, const uint32_
     return dst;
 }
 
-TEST(GuidedOnePassSse, MatchesPerPixelFormOnImages) {
+TEST(GuidedOnePassX86, MatchesPerPixelFormOnImages) {
     uint32_t seed = 11;
     for (int32_t r : {8, 1, 3})
         for (int32_t w : {4, 5, 8, 11, 12, 20, 37, 100, 483})
@@ -85,7 +85,7 @@ TEST(GuidedOnePassSse, MatchesPerPixelFormOnImages) {
 
 // Estimates of zero, denormal, huge, infinite and NaN operands; a above 1
 // (outputs wrap) and far beyond 2^32 (saturation).
-TEST(GuidedOnePassSse, MatchesPerPixelFormForExtremeEps) {
+TEST(GuidedOnePassX86, MatchesPerPixelFormForExtremeEps) {
     const float eps_values[] = {0.0f, -0.0f, -0.01f, -0.1f, -0.2f, 1e-40f, -1e-40f, 1e-30f, 1e25f, 1e37f, FLT_MAX,
                                 std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
                                 std::numeric_limits<float>::quiet_NaN()};
@@ -103,7 +103,7 @@ TEST(GuidedOnePassSse, MatchesPerPixelFormForExtremeEps) {
 // Tables of arbitrary words: window sums anywhere in 0..2^32-1 (the unsigned
 // conversion above 2^31), means and variances of every magnitude and sign,
 // so the estimate sees every exponent and every leading-fraction pattern.
-TEST(GuidedOnePassSse, MatchesPerPixelFormOnArbitraryTables) {
+TEST(GuidedOnePassX86, MatchesPerPixelFormOnArbitraryTables) {
     for (uint32_t seed = 1; seed <= 6; ++seed) {
         const Image im = image_with_tables(44, 9, 8, seed);
         std::vector<uint32_t> sum(im.t.sum.size()), sq(im.t.sq.size());
