@@ -5,8 +5,9 @@
 // dispatch (simd/dispatch.h), so QIMRA_ISA=c still runs the per-pixel forms.
 #pragma once
 
-#if defined(__arm__) && defined(__ARM_ARCH_ISA_THUMB) && __ARM_ARCH_ISA_THUMB >= 2 && defined(__ARM_ARCH) && \
-    __ARM_ARCH >= 7
+// Little-endian only: the forms take pixels out of words by byte position.
+#if defined(__arm__) && defined(__ARMEL__) && defined(__ARM_ARCH_ISA_THUMB) && __ARM_ARCH_ISA_THUMB >= 2 && \
+    defined(__ARM_ARCH) && __ARM_ARCH >= 7
 #define QIMRA_ARM_FORMS 1
 #define QIMRA_ARM_FORM(fn) fn
 #else
