@@ -203,7 +203,9 @@ def test_engines_created_and_closed_keep_no_memory_of_their_own():
 def test_other_threads_run_while_a_frame_is_processed():
     # With a long switch interval the main thread never hands over the GIL
     # on its own: the other thread can only run inside process() if the
-    # frame is processed without it.
+    # frame is processed without it. One tick inside any frame is proof; more
+    # is not asked, since on a loaded two-core machine the engine's own two
+    # threads may keep the ticker off the cores for most frames.
     stamps, stop = [], threading.Event()
 
     def ticker():
@@ -212,11 +214,11 @@ def test_other_threads_run_while_a_frame_is_processed():
             time.sleep(0.0001)
 
     old, thread, windows = sys.getswitchinterval(), threading.Thread(target=ticker), []
-    frame = np.full(1920 * 1080 * 3 // 2, 20, np.uint8)
+    frame = np.full(3840 * 2160 * 3 // 2, 20, np.uint8)
     sys.setswitchinterval(1.0)
     thread.start()
     try:
-        with qimra.Engine(1920, 1080, mode="fixed") as e:
+        with qimra.Engine(3840, 2160, mode="fixed") as e:
             for _ in range(10):
                 t0 = time.perf_counter()
                 e.process(frame, out=frame)
@@ -227,4 +229,4 @@ def test_other_threads_run_while_a_frame_is_processed():
         thread.join()
         sys.setswitchinterval(old)
     inside = [sum(t0 < s < t1 for s in stamps) for t0, t1 in windows]
-    assert sum(n > 0 for n in inside) >= len(windows) // 2, f"ticks inside each frame: {inside}"
+    assert any(n > 0 for n in inside), f"ticks inside each frame: {inside}"
