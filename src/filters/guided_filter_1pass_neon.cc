@@ -105,13 +105,14 @@ int32_t self_guided_filter_1pass_neon(const uint8_t* src, const uint32_t* ii_sum
         uint8_t* out = dst + static_cast<ptrdiff_t>(y) * width;
         Corners sum(ii_sum + y * table_stride, below, side);
         Corners sq(ii_sqsum + y * table_stride, below, side);
-        int32_t x = 0;
-        for (; x + 8 <= end; x += 8) vst1_u8(out + x, filter8(sum, sq, in + x, k));
-        if (x < end) {
-            vst1_u8(out + x, filter_group(sum.top_left, sq.top_left, below, side, in + x, k));
+        // Every pointer steps on by itself (post-increment addressing).
+        for (const uint8_t* const in_end = in + end / 8 * 8; in != in_end; in += 8, out += 8)
+            vst1_u8(out, filter8(sum, sq, in, k));
+        if (end % 8 != 0) {
+            vst1_u8(out, filter_group(sum.top_left, sq.top_left, below, side, in, k));
         } else {
             // The four zero bytes a last group store leaves after the row.
-            std::memset(out + x, 0, 4);
+            std::memset(out, 0, 4);
         }
     }
     return 4 * groups;
