@@ -5,7 +5,7 @@ TEST_PRESETS ?= host host-asan host-tsan armhf
 ALL_PRESETS := host host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media demo bench bench-armhf bench-instructions mutate test check-format $(addprefix test-,$(ALL_PRESETS)) clean
+.PHONY: all build setup media demo bench bench-armhf bench-instructions bench-instructions-armhf mutate test check-format $(addprefix test-,$(ALL_PRESETS)) clean
 
 all: build
 
@@ -58,6 +58,17 @@ bench-instructions: build media
 	  total=$$(sed -n 's/^totals: *\([0-9]*\).*/\1/p' out/bench/callgrind.out) && \
 	  test -n "$$frames" -a -n "$$total" && \
 	  echo "instructions per 1080p mode-0 frame (callgrind, both threads): $$((total / frames))"
+
+# Instructions per steady-state ARMv7 frame, by stage, in modes 0 and 2 at
+# 720p, 1080p and 4K: the static ARMv7 driver runs under qemu-arm with a
+# counting plugin (built here with the host compiler). See
+# scripts/arm-instructions for how the frames and stages are counted.
+bench-instructions-armhf: setup media
+	@cmake --preset armhf >/dev/null
+	@cmake --build --preset armhf -j $(JOBS) --target qimra-frame-instructions
+	@mkdir -p build/qemu-plugin out/bench
+	@cc -O2 -Wall -Wextra -shared -fPIC -o build/qemu-plugin/qimra_count.so bench/qemu_count_plugin.c
+	@/usr/bin/python3 scripts/arm-instructions --json out/bench/arm-instructions.json
 
 test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done

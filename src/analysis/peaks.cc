@@ -180,11 +180,16 @@ void shape_measures(const peak_descr* peaks, const int* order, int n, float inv,
 }  // namespace
 
 void smooth_histogram(const int32_t* hist, SmoothedHist& s) {
+    // The seven bins i - 3 .. i + 3 that lie in 0..255, as a running sum:
+    // modulo 2^32 adding the bin that enters and subtracting the one that
+    // leaves gives exactly the wrapped sum of the seven.
+    const auto bin = [hist](int k) { return k >= 0 && k < 256 ? static_cast<uint32_t>(hist[k]) : 0u; };
+    uint32_t window = 0;
+    for (int k = kSmoothFirst - 3; k < kSmoothFirst + 3; ++k) window += bin(k);
     for (int i = kSmoothFirst; i <= kSmoothLast; ++i) {
-        uint32_t sum = 3;
-        for (int k = i - 3; k <= i + 3; ++k)
-            if (k >= 0 && k < 256) sum += static_cast<uint32_t>(hist[k]);
-        s[i] = sat_i32_from_float(static_cast<float>(wrapped(sum)) * 0.14285715f);
+        window += bin(i + 3);
+        s[i] = sat_i32_from_float(static_cast<float>(wrapped(window + 3)) * 0.14285715f);
+        window -= bin(i - 3);
     }
 }
 

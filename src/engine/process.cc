@@ -86,7 +86,20 @@ void downscale_and_count(qimra_job* job) {
 
 namespace {
 
-int analyse_and_decide(ctx* c, segment* analysed) {
+// The whole-image histogram as the sum of the twelve region histograms:
+// on the reduced image (stride equal to its width) the regions cover it
+// exactly, so the sum is the count of every pixel without a second pass.
+void sum_region_histograms(ctx* c, const segment& reduced) {
+    for (int i = 0; i < 256; ++i) {
+        uint32_t n = 0;
+        for (const uint32_t* region : c->region_hist) n += region[i];
+        c->global_hist[i] = n;
+    }
+    c->hist_pixel_count =
+        static_cast<int32_t>(static_cast<uint32_t>(reduced.width) * static_cast<uint32_t>(reduced.height));
+}
+
+int analyse_and_decide(ctx* c, segment* analysed, bool whole_from_regions) {
     for (int i = 0; i < 2; ++i) {
         qimra_job& job = c->slot[i].job;
         job.op = kOpLocalFeatures;
@@ -95,6 +108,7 @@ int analyse_and_decide(ctx* c, segment* analysed) {
         job.seg = analysed;
     }
     run_on_both_cores(c);
+    if (whole_from_regions) sum_region_histograms(c, *analysed);
     const int decision = blc_decide_quality(c, analysed);
     c->strength = c->strength_hist[c->hist_index];
     return decision;
@@ -206,12 +220,15 @@ extern "C" int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride,
     segment reduced{c->ds_luma, nullptr, c->width >> 2, c->height >> 2, c->width >> 2, c->height >> 2};
 
     segment* analysed = (c->quarter_mode && c->analyse_ds == 1) ? &reduced : &full;
-    if (c->quarter_mode) downscale_for_analysis(c, in_y, in_stride, analysed == &reduced);
+    // Where the region histograms are built, they also give the whole-image
+    // one of the reduced image; mode 0 counts it while downscaling.
+    const bool whole_from_regions = analysed == &reduced && c->adaptive_mode != 0;
+    if (c->quarter_mode) downscale_for_analysis(c, in_y, in_stride, analysed == &reduced && !whole_from_regions);
     if (analysed != &reduced) blc_gen_hist(analysed->luma, analysed->width, analysed->height, analysed->stride, c, 1, 0);
 
     int decision;
     if (c->adaptive_mode != 0) {
-        decision = analyse_and_decide(c, analysed);
+        decision = analyse_and_decide(c, analysed, whole_from_regions);
     } else {
         decision = 1;
         c->strength = 128;

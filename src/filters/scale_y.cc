@@ -1,6 +1,7 @@
 // blc_scale_y_fs and blc_scale_y_2x2nn. The table look-up cannot be
 // vectorised on NEON (no gather), so these are tight scalar loops over two
-// rows at a time.
+// rows at a time; on 32-bit ARM the half-size form has a hand-scheduled
+// Thumb-2 loop (scale_y_arm.cc).
 //
 // Pointer walk: inside a block, rows are src_stride / dst_stride apart; from
 // one block row to the next the source and destination both advance by the
@@ -14,6 +15,7 @@
 #include <cstddef>
 
 #include "engine/ctx.h"
+#include "simd/arm.h"
 #include "simd/dispatch.h"
 
 namespace qimra {
@@ -60,32 +62,9 @@ void scale_y_fs_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t 
 
 void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
                      uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
-    const int32_t blocks_w = width / 2;
-    const int32_t blocks_h = height / 2;
-    if (blocks_w <= 0 || blocks_h <= 0) return;
-    const std::ptrdiff_t ss = src_stride, ds = dst_stride;
-    const std::ptrdiff_t luma_advance = 2 * blocks_w + ss;
-    for (int32_t k = 0; k < blocks_h; ++k) {
-        const uint8_t* s1 = src + ss;
-        uint8_t* d1 = dst + ds;
-        for (int32_t j = 0; j < blocks_w; ++j) {
-            // One half-size base sample serves the whole 2 x 2 block.
-            const uint8_t b = base[j];
-            const uint16_t e00 = lut[tone_index(src[2 * j], b)];
-            const uint16_t e01 = lut[tone_index(src[2 * j + 1], b)];
-            const uint16_t e10 = lut[tone_index(s1[2 * j], b)];
-            const uint16_t e11 = lut[tone_index(s1[2 * j + 1], b)];
-            dst[2 * j] = static_cast<uint8_t>(e00);
-            dst[2 * j + 1] = static_cast<uint8_t>(e01);
-            d1[2 * j] = static_cast<uint8_t>(e10);
-            d1[2 * j + 1] = static_cast<uint8_t>(e11);
-            gain[j] = static_cast<uint8_t>(e00 >> 8);
-        }
-        src += luma_advance;
-        dst += luma_advance;
-        base += blocks_w;
-        gain += blocks_w;
-    }
+    walk_block_rows_2x2nn(src, src_stride, dst, dst_stride, base, gain, width, height,
+                          [lut](const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b,
+                                uint8_t* g, int32_t blocks) { scale_blocks_2x2nn(s0, s1, d0, d1, b, g, lut, 0, blocks); });
 }
 
 }  // namespace qimra
@@ -102,6 +81,6 @@ extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst,
 extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                                   const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
     using Form = decltype(&scale_y_2x2nn_c);
-    static const Form form = select_form<Form>({.c = scale_y_2x2nn_c});
+    static const Form form = select_form<Form>({.c = scale_y_2x2nn_c, .neon = QIMRA_ARM_FORM(scale_y_2x2nn_arm)});
     form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);
 }

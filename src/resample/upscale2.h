@@ -13,9 +13,11 @@ namespace qimra {
 void upscale2_rows_c(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w,
                      int32_t x_begin);
 
-// Leading source columns, 16 at a time while more than 15 columns with a
-// right neighbour remain; returns the first column it did not do. The
-// destination rows must not overlap the source rows.
+// Source columns 16 at a time; returns the first column it did not do. The
+// NEON form does every column of a row of 16 or more (its last step
+// overlaps the one before); the x86 forms stop while more than 15 columns
+// with a right neighbour remain. The destination rows must not overlap the
+// source rows.
 int32_t upscale2_rows_neon(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w);
 
 // x86-64 has its own form of the same steps: translated, the NEON form's

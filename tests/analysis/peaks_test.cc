@@ -2,11 +2,14 @@
 // of hand-analysed histograms.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <vector>
 
 #include "analysis/peaks.h"
+#include "simd/convert.h"
+#include "support/engine_helpers.h"
 
 namespace qimra {
 namespace {
@@ -64,6 +67,15 @@ TEST(PeaksSmoothing, OneBinSpreadsOverSevenEntriesIntoTheGuards) {
     h[255] = 3;
     smooth_histogram(h.data(), s);
     EXPECT_EQ(s[258], 0);
+
+    // Counts whose sums wrap: each entry is the wrapped sum of its seven bins.
+    test::fill_random(reinterpret_cast<uint8_t*>(h.data()), sizeof h, 11);
+    smooth_histogram(h.data(), s);
+    for (int i = kSmoothFirst; i <= kSmoothLast; ++i) {
+        uint32_t sum = 3;
+        for (int k = std::max(i - 3, 0); k <= std::min(i + 3, 255); ++k) sum += static_cast<uint32_t>(h[k]);
+        ASSERT_EQ(s[i], sat_i32_from_float(static_cast<float>(static_cast<int32_t>(sum)) * 0.14285715f)) << i;
+    }
 }
 
 TEST(PeaksDetection, EqualMaximaWithinThreeBinsGiveTheFirstOnly) {

@@ -183,6 +183,24 @@ TEST(CopyThrough, SeparateBuffersAreCopiedInPlaceOnesUntouched) {
     EXPECT_TRUE(std::all_of(other_chroma.begin(), other_chroma.end(), [](uint8_t v) { return v == 0x33; }));
 }
 
+TEST(WholeImageHistogram, CountsEveryPixelOfTheReducedImageInEveryMode) {
+    // Mode 0 counts while downscaling, the analysing modes add up the region
+    // histograms: either way, one count per pixel of ds_luma.
+    for (int32_t mode : {0, 1, 2}) {
+        Engine e(1280, 720, mode);
+        Frame420 f(1280, 720);
+        fill_random(f.y(), f.bytes.size(), 40 + mode);
+        // A skewed, uneven picture, so that a region missed or counted twice
+        // changes bins.
+        for (size_t i = 0; i < f.luma_size(); ++i) f.y()[i] = uint8_t(f.y()[i] * (i % 1280) / 1280);
+        qimra_process(e.get(), f.y(), 1280, 720, f.y(), 1280, 720);
+        uint32_t want[256] = {};
+        for (int32_t i = 0; i < 320 * 180; ++i) ++want[e.get()->ds_luma[i]];
+        EXPECT_EQ(memcmp(want, e.get()->global_hist, sizeof want), 0) << "mode " << mode;
+        EXPECT_EQ(e.get()->hist_pixel_count, 320 * 180) << "mode " << mode;
+    }
+}
+
 TEST(FrameCounters, AdvanceEveryFrameAndWrapTheHistoryIndex) {
     Engine e(32, 32, 2);
     Frame420 f = grey_frame(32, 32, 6);

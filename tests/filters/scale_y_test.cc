@@ -5,6 +5,8 @@
 #include <memory>
 #include <vector>
 
+#include "filters/scale_y.h"
+#include "simd/arm.h"
 #include "support/engine_helpers.h"
 
 namespace qimra::test {
@@ -28,7 +30,22 @@ struct Case {
     int32_t block;  // 4 for the full-size base, 2 for the half-size base
     const char* name;
 };
-const Case kCases[] = {{blc_scale_y_fs, 4, "fs"}, {blc_scale_y_2x2nn, 2, "2x2nn"}};
+// blc_scale_y_2x2nn runs the form the dispatch chose; where that can be the
+// Thumb-2 form, the per-pixel and the Thumb-2 form are listed too.
+const Case kCases[] = {
+    {blc_scale_y_fs, 4, "fs"},
+    {blc_scale_y_2x2nn, 2, "2x2nn"},
+#if QIMRA_ARM_FORMS
+    {[](const uint8_t* s, int ss, uint8_t* d, int ds, const uint8_t* b, uint8_t* g, int w, int h, qimra_ctx* c) {
+         scale_y_2x2nn_c(s, ss, d, ds, b, g, w, h, c->chroma_lut16);
+     },
+     2, "2x2nn per-pixel"},
+    {[](const uint8_t* s, int ss, uint8_t* d, int ds, const uint8_t* b, uint8_t* g, int w, int h, qimra_ctx* c) {
+         scale_y_2x2nn_arm(s, ss, d, ds, b, g, w, h, c->chroma_lut16);
+     },
+     2, "2x2nn thumb-2"},
+#endif
+};
 
 struct Planes {
     int32_t width, height;
@@ -75,7 +92,7 @@ TEST(ScaleY, WholeBlocksMatchTheTableAndLeftoversStayUntouched) {
     TableCtx t;
     uint32_t seed = 1;
     for (const Case& k : kCases) {
-        for (int32_t w : {16, 64, 96, 1920 / 8})
+        for (int32_t w : {16, 24, 64, 96, 1920 / 8})
             for (int32_t h : {k.block, 3 * k.block, 3 * k.block + 1, 5 * k.block - 1}) {
                 Planes p(k, w, h, ++seed);
                 p.run(k, t);

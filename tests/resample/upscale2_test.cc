@@ -3,7 +3,7 @@
 // the per-pixel form.
 #include <gtest/gtest.h>
 
-#include <utility>
+#include <string_view>
 #include <vector>
 
 #include "resample/upscale2.h"
@@ -83,7 +83,9 @@ TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
             std::vector<uint8_t> want0(2 * w), want1(2 * w), got0(2 * w), got1(2 * w);
             upscale2_rows_c(s0.data(), s1.data(), want0.data(), want1.data(), w, 0);
             const int32_t done = form(s0.data(), s1.data(), got0.data(), got1.data(), w);
-            EXPECT_EQ(done, (w - 1) / 16 * 16) << name << " w=" << w;
+            // The NEON form does the last columns too; the x86 forms leave them.
+            const bool whole_row = std::string_view(name) == "neon";
+            EXPECT_EQ(done, whole_row ? w : (w - 1) / 16 * 16) << name << " w=" << w;
             upscale2_rows_c(s0.data(), s1.data(), got0.data(), got1.data(), w, done);
             ASSERT_EQ(got0, want0) << name << " w=" << w;
             ASSERT_EQ(got1, want1) << name << " w=" << w;

@@ -79,8 +79,20 @@ const Picture& as_i420(const Picture& p, Picture& staging) {
 }
 
 // Encodes one frame with an image encoder; returns the file's bytes.
-std::vector<uint8_t> encode_image(AVCodecID id, AVPixelFormat format, int width, int height,
-                                  const std::function<void(AVFrame*)>& fill) {
+FramePtr new_frame(int format, int width, int height) {
+    FramePtr f(av_frame_alloc());
+    if (!f) throw std::bad_alloc();
+    f->format = format;
+    f->width = width;
+    f->height = height;
+    if (av_frame_get_buffer(f.get(), 0) < 0) throw std::bad_alloc();
+    return f;
+}
+
+// `fill` writes a frame of buffer_width x buffer_height, of which the top-left
+// width x height is encoded (an odd size crops an extended frame back).
+std::vector<uint8_t> encode_image(AVCodecID id, AVPixelFormat format, int width, int height, int buffer_width,
+                                  int buffer_height, const std::function<void(AVFrame*)>& fill) {
     const AVCodec* codec = avcodec_find_encoder(id);
     if (codec == nullptr) throw ToolError(std::string("this FFmpeg has no ") + avcodec_get_name(id) + " encoder");
     CodecContextPtr enc(avcodec_alloc_context3(codec));
@@ -95,12 +107,10 @@ std::vector<uint8_t> encode_image(AVCodecID id, AVPixelFormat format, int width,
     }
     int r = avcodec_open2(enc.get(), codec, nullptr);
     if (r < 0) throw ToolError(std::string("cannot start the ") + codec->name + " encoder: " + av_error(r));
-    FramePtr frame(av_frame_alloc());
-    frame->format = format;
+    FramePtr frame = new_frame(format, buffer_width, buffer_height);
+    fill(frame.get());
     frame->width = width;
     frame->height = height;
-    if ((r = av_frame_get_buffer(frame.get(), 0)) < 0) throw ToolError("out of memory for a picture: " + av_error(r));
-    fill(frame.get());
     frame->pts = 0;
     frame->quality = enc->global_quality;
     std::vector<uint8_t> bytes;
@@ -125,6 +135,50 @@ void scale_into(const Picture& p, AVPixelFormat dst_format, bool dst_full, int w
     int src_linesize[4];
     picture_planes(p, src, src_linesize);
     sws_scale(sws.get(), src, src_linesize, 0, p.height, dst, dst_linesize);
+}
+
+// Copies 4:2:0 planes of width x height between two layouts.
+void copy_420(const uint8_t* const src[3], const int src_linesize[3], uint8_t* const dst[3],
+              const int dst_linesize[3], int width, int height) {
+    for (int plane = 0; plane < 3; ++plane) {
+        const int rows = plane == 0 ? height : height / 2;
+        const int bytes = plane == 0 ? width : width / 2;
+        for (int y = 0; y < rows; ++y)
+            memcpy(dst[plane] + static_cast<ptrdiff_t>(y) * dst_linesize[plane],
+                   src[plane] + static_cast<ptrdiff_t>(y) * src_linesize[plane], bytes);
+    }
+}
+
+// Pixel formats whose last column can be repeated byte for byte in every
+// plane: not bit-packed, and not packed with shared chroma (YUYV).
+bool repeatable(int format) {
+    const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(static_cast<AVPixelFormat>(format));
+    return d != nullptr && !(d->flags & (AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_HWACCEL)) &&
+           ((d->flags & AV_PIX_FMT_FLAG_PLANAR) || d->log2_chroma_w == 0);
+}
+
+// Fills `dst` (the next even size, same format) with `src`, repeating its
+// last column and row in each plane. Subsampled chroma of an odd size
+// already has as many samples as the even size, so only full planes grow.
+void repeat_edges(const AVFrame* src, AVFrame* dst) {
+    const auto format = static_cast<AVPixelFormat>(src->format);
+    const AVPixFmtDescriptor* d = av_pix_fmt_desc_get(format);
+    for (int p = 0; p < av_pix_fmt_count_planes(format); ++p) {
+        const int shift = p == 1 || p == 2 ? d->log2_chroma_h : 0;
+        const int rows = AV_CEIL_RSHIFT(src->height, shift), all_rows = AV_CEIL_RSHIFT(dst->height, shift);
+        const int bytes = av_image_get_linesize(format, src->width, p);
+        const int all_bytes = av_image_get_linesize(format, dst->width, p);
+        for (int y = 0; y < all_rows; ++y) {
+            uint8_t* line = dst->data[p] + static_cast<ptrdiff_t>(y) * dst->linesize[p];
+            if (y >= rows) {
+                memcpy(line, line - dst->linesize[p], all_bytes);
+                continue;
+            }
+            memcpy(line, src->data[p] + static_cast<ptrdiff_t>(y) * src->linesize[p], bytes);
+            memcpy(line + bytes, line + 2 * bytes - all_bytes, all_bytes - bytes);
+        }
+    }
+    if (d->flags & AV_PIX_FMT_FLAG_PAL) memcpy(dst->data[1], src->data[1], AVPALETTE_SIZE);
 }
 
 bool is_mp4_family(const AVOutputFormat* of) {
@@ -160,7 +214,7 @@ void AvSource::open(const std::string& path, std::optional<Rational> still_rate)
     AVStream* st = format_->streams[video_index_];
     if (st->codecpar->width <= 0 || st->codecpar->height <= 0)
         throw file_error(path, "cannot read it: no picture size could be found in it");
-    check_dimensions(path, st->codecpar->width, st->codecpar->height);
+    check_dimensions(path, st->codecpar->width, st->codecpar->height, false);
 
     decoder_ = avcodec_alloc_context3(codec);
     if (decoder_ == nullptr || avcodec_parameters_to_context(decoder_, st->codecpar) < 0)
@@ -172,6 +226,12 @@ void AvSource::open(const std::string& path, std::optional<Rational> still_rate)
 
     info_.width = st->codecpar->width;
     info_.height = st->codecpar->height;
+    if (info_.width % 2 != 0 || info_.height % 2 != 0) {
+        info_.own_width = info_.width;
+        info_.own_height = info_.height;
+        info_.width += info_.width % 2;
+        info_.height += info_.height % 2;
+    }
     info_.format = ColourFormat::i420;
     const AVRational sar = st->sample_aspect_ratio.num > 0 ? st->sample_aspect_ratio : st->codecpar->sample_aspect_ratio;
     if (sar.num > 0 && sar.den > 0) info_.aspect = {sar.num, sar.den};
@@ -197,6 +257,10 @@ AvSource::~AvSource() { release(); }
 void AvSource::release() {
     sws_freeContext(sws_);
     sws_ = nullptr;
+    sws_freeContext(wide_sws_);
+    wide_sws_ = nullptr;
+    av_frame_free(&wide_);
+    av_frame_free(&extended_);
     av_frame_free(&frame_);
     av_packet_free(&packet_);
     avcodec_free_context(&decoder_);
@@ -214,32 +278,53 @@ int AvSource::colour_primaries() const { return decoder_->color_primaries; }
 int AvSource::colour_transfer() const { return decoder_->color_trc; }
 int AvSource::colour_space() const { return decoder_->colorspace; }
 
+SwsContext* AvSource::converter(SwsContext* cached, const AVFrame* from, int to_format) {
+    SwsContext* s = sws_getCachedContext(cached, from->width, from->height, static_cast<AVPixelFormat>(from->format),
+                                         from->width, from->height, static_cast<AVPixelFormat>(to_format), kSwsFlags,
+                                         nullptr, nullptr, nullptr);
+    if (s == nullptr) {
+        const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(from->format));
+        throw file_error(name_, std::string("cannot convert its pixel format ") + (name ? name : "?") + " to 4:2:0");
+    }
+    return s;
+}
+
+// An odd frame at the next even size in its own pixel format, so that it
+// converts exactly as a picture of that size with the same edge would.
+const AVFrame* AvSource::extend(const AVFrame* frame, bool full_range) {
+    if (!repeatable(frame->format)) {
+        if (!wide_) wide_ = new_frame(AV_PIX_FMT_YUV444P, frame->width, frame->height).release();
+        wide_sws_ = converter(wide_sws_, frame, AV_PIX_FMT_YUV444P);
+        set_ranges(wide_sws_, full_range, full_range);
+        sws_scale(wide_sws_, frame->data, frame->linesize, 0, frame->height, wide_->data, wide_->linesize);
+        frame = wide_;
+    }
+    if (extended_ == nullptr || extended_->format != frame->format) {
+        av_frame_free(&extended_);
+        extended_ = new_frame(frame->format, info_.width, info_.height).release();
+    }
+    repeat_edges(frame, extended_);
+    return extended_;
+}
+
 void AvSource::to_picture(const AVFrame* frame, Picture& picture) {
-    if (frame->width != info_.width || frame->height != info_.height)
-        throw file_error(name_, "the frame size changes inside the stream (" + std::to_string(info_.width) + "x" +
-                                    std::to_string(info_.height) + " to " + std::to_string(frame->width) + "x" +
+    const int w = info_.visible_width(), h = info_.visible_height();
+    if (frame->width != w || frame->height != h)
+        throw file_error(name_, "the frame size changes inside the stream (" + std::to_string(w) + "x" +
+                                    std::to_string(h) + " to " + std::to_string(frame->width) + "x" +
                                     std::to_string(frame->height) + "); qimra takes one size per stream");
+    const bool full_range = frame->color_range == AVCOL_RANGE_JPEG || frame->format == AV_PIX_FMT_YUVJ420P;
+    if (info_.extended()) frame = extend(frame, full_range);
     picture.reset(info_.width, info_.height, ColourFormat::i420);
-    const auto format = static_cast<AVPixelFormat>(frame->format);
-    const bool full_range = frame->color_range == AVCOL_RANGE_JPEG || format == AV_PIX_FMT_YUVJ420P;
-    const int w = info_.width, h = info_.height;
     uint8_t* dst[4] = {picture.y(), picture.chroma(), picture.chroma() + picture.luma_size() / 4, nullptr};
-    const int dst_linesize[4] = {w, w / 2, w / 2, 0};
-    if (format == AV_PIX_FMT_YUV420P && !full_range) {
-        for (int p = 0; p < 3; ++p) {
-            const int rows = p == 0 ? h : h / 2;
-            for (int y = 0; y < rows; ++y)
-                memcpy(dst[p] + static_cast<size_t>(y) * dst_linesize[p],
-                       frame->data[p] + static_cast<ptrdiff_t>(y) * frame->linesize[p], dst_linesize[p]);
-        }
+    const int dst_linesize[4] = {info_.width, info_.width / 2, info_.width / 2, 0};
+    if (frame->format == AV_PIX_FMT_YUV420P && !full_range) {
+        copy_420(frame->data, frame->linesize, dst, dst_linesize, info_.width, info_.height);
         return;
     }
-    sws_ = sws_getCachedContext(sws_, w, h, format, w, h, AV_PIX_FMT_YUV420P, kSwsFlags, nullptr, nullptr, nullptr);
-    if (sws_ == nullptr)
-        throw file_error(name_, std::string("cannot convert its pixel format ") +
-                                    (av_get_pix_fmt_name(format) ? av_get_pix_fmt_name(format) : "?") + " to 4:2:0");
+    sws_ = converter(sws_, frame, AV_PIX_FMT_YUV420P);
     set_ranges(sws_, full_range, false);
-    sws_scale(sws_, frame->data, frame->linesize, 0, h, dst, dst_linesize);
+    sws_scale(sws_, frame->data, frame->linesize, 0, info_.height, dst, dst_linesize);
 }
 
 bool AvSource::read(Picture& picture) {
@@ -291,16 +376,17 @@ std::vector<uint8_t> picture_to_rgb(const Picture& picture, int width, int heigh
     return rgb;
 }
 
-std::vector<uint8_t> encode_png(const uint8_t* rgb, int width, int height) {
-    return encode_image(AV_CODEC_ID_PNG, AV_PIX_FMT_RGB24, width, height, [&](AVFrame* f) {
+std::vector<uint8_t> encode_png(const uint8_t* rgb, int width, int height, int row_bytes) {
+    const size_t stride = row_bytes > 0 ? static_cast<size_t>(row_bytes) : static_cast<size_t>(width) * 3;
+    return encode_image(AV_CODEC_ID_PNG, AV_PIX_FMT_RGB24, width, height, width, height, [&](AVFrame* f) {
         for (int y = 0; y < height; ++y)
-            memcpy(f->data[0] + static_cast<ptrdiff_t>(y) * f->linesize[0], rgb + static_cast<size_t>(y) * width * 3,
+            memcpy(f->data[0] + static_cast<ptrdiff_t>(y) * f->linesize[0], rgb + y * stride,
                    static_cast<size_t>(width) * 3);
     });
 }
 
-ImageWriter::ImageWriter(OutputFile& out, bool jpeg, const std::string& input_name)
-    : out_(out), jpeg_(jpeg), input_name_(input_name) {}
+ImageWriter::ImageWriter(OutputFile& out, bool jpeg, const StreamInfo& info, const std::string& input_name)
+    : out_(out), jpeg_(jpeg), width_(info.visible_width()), height_(info.visible_height()), input_name_(input_name) {}
 
 void ImageWriter::write(const Picture& picture) {
     if (written_)
@@ -310,11 +396,15 @@ void ImageWriter::write(const Picture& picture) {
     const Picture& p = as_i420(picture, staging);
     std::vector<uint8_t> bytes;
     if (jpeg_) {
-        bytes = encode_image(AV_CODEC_ID_MJPEG, AV_PIX_FMT_YUVJ420P, p.width, p.height,
-                             [&](AVFrame* f) { scale_into(p, AV_PIX_FMT_YUVJ420P, true, p.width, p.height, f->data, f->linesize); });
+        bytes = encode_image(AV_CODEC_ID_MJPEG, AV_PIX_FMT_YUVJ420P, width_, height_, p.width, p.height,
+                             [&](AVFrame* f) {
+                                 scale_into(p, AV_PIX_FMT_YUVJ420P, true, p.width, p.height, f->data, f->linesize);
+                             });
     } else {
+        // The whole frame is converted and the picture's own size cut from
+        // it, so that an odd picture is exactly the crop of its even frame.
         const std::vector<uint8_t> rgb = picture_to_rgb(p, p.width, p.height);
-        bytes = encode_png(rgb.data(), p.width, p.height);
+        bytes = encode_png(rgb.data(), width_, height_, p.width * 3);
     }
     if (fwrite(bytes.data(), 1, bytes.size(), out_.stream()) != bytes.size())
         throw file_error(out_.target(), std::string("write failed: ") + strerror(errno));
@@ -352,43 +442,20 @@ void VideoWriter::open(bool quiet) {
     if (codec == nullptr && of->video_codec != AV_CODEC_ID_NONE) codec = avcodec_find_encoder(of->video_codec);
     if (codec == nullptr) throw file_error(name_, "this FFmpeg has no video encoder for the container");
 
-    encoder_ = avcodec_alloc_context3(codec);
-    encoder_->width = info.width;
-    encoder_->height = info.height;
+    auto takes = [&](AVPixelFormat f) {
+        if (codec->pix_fmts == nullptr) return f == AV_PIX_FMT_YUV420P;
+        for (const AVPixelFormat* p = codec->pix_fmts; *p != AV_PIX_FMT_NONE; ++p)
+            if (*p == f) return true;
+        return false;
+    };
     AVPixelFormat pix = AV_PIX_FMT_YUV420P;
-    if (codec->pix_fmts != nullptr) {
-        bool has_420 = false;
-        for (const AVPixelFormat* p = codec->pix_fmts; *p != AV_PIX_FMT_NONE; ++p) has_420 |= *p == pix;
-        if (!has_420) pix = avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, AV_PIX_FMT_YUV420P, 0, nullptr);
-    }
-    encoder_->pix_fmt = pix;
-    encoder_->framerate = {info.frame_rate.num, info.frame_rate.den};
-    // The encoder counts in frames: some containers (AVI) and encoders
-    // (MPEG-4 part 2) take nothing else; input times are rescaled to it.
-    encoder_->time_base = {info.frame_rate.den, info.frame_rate.num};
-    const std::string codec_name = codec->name;
-    if (info.aspect.num > 0 && info.aspect.den > 0) encoder_->sample_aspect_ratio = {info.aspect.num, info.aspect.den};
-    encoder_->color_range = AVCOL_RANGE_MPEG;
-    if (audio_from_ != nullptr) {
-        encoder_->color_primaries = static_cast<AVColorPrimaries>(audio_from_->colour_primaries());
-        encoder_->color_trc = static_cast<AVColorTransferCharacteristic>(audio_from_->colour_transfer());
-        encoder_->colorspace = static_cast<AVColorSpace>(audio_from_->colour_space());
-    }
-    if (codec_name == "libx264") {
-        av_opt_set(encoder_->priv_data, "preset", "fast", 0);
-        av_opt_set(encoder_->priv_data, "crf", "18", 0);
-    } else if (codec_name.rfind("libvpx", 0) == 0) {
-        encoder_->bit_rate = 0;
-        av_opt_set(encoder_->priv_data, "crf", "30", 0);
-        av_opt_set_int(encoder_->priv_data, "cpu-used", 5, 0);
-    } else {
-        encoder_->flags |= AV_CODEC_FLAG_QSCALE;
-        encoder_->global_quality = FF_QP2LAMBDA * 3;
-    }
-    if (of->flags & AVFMT_GLOBALHEADER) encoder_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    encoder_->thread_count = kCodecThreads;
-    if ((r = avcodec_open2(encoder_, codec, nullptr)) < 0)
-        throw file_error(name_, "cannot start the " + codec_name + " encoder: " + av_error(r));
+    if (!takes(pix)) pix = avcodec_find_best_pix_fmt_of_list(codec->pix_fmts, AV_PIX_FMT_YUV420P, 0, nullptr);
+    // H.264 and HEVC code 4:2:0 in whole chroma samples and cannot hold an
+    // odd size; in 4:4:4 they keep every pixel of it.
+    const bool whole_chroma = codec->id == AV_CODEC_ID_H264 || codec->id == AV_CODEC_ID_HEVC;
+    if (info.extended() && whole_chroma && takes(AV_PIX_FMT_YUV444P)) pix = AV_PIX_FMT_YUV444P;
+    if ((r = start_encoder(codec, pix)) < 0)
+        throw file_error(name_, std::string("cannot start the ") + codec->name + " encoder: " + av_error(r));
 
     stream_ = avformat_new_stream(format_, nullptr);
     if (stream_ == nullptr || avcodec_parameters_from_context(stream_->codecpar, encoder_) < 0)
@@ -430,11 +497,7 @@ void VideoWriter::open(bool quiet) {
         });
     }
 
-    frame_ = av_frame_alloc();
-    frame_->format = pix;
-    frame_->width = info.width;
-    frame_->height = info.height;
-    if ((r = av_frame_get_buffer(frame_, 0)) < 0) throw file_error(name_, "out of memory for a frame: " + av_error(r));
+    frame_ = new_frame(encoder_->pix_fmt, info.width, info.height).release();
     packet_ = av_packet_alloc();
 
     if (!(of->flags & AVFMT_NOFILE) && (r = avio_open(&format_->pb, out_.temp_path().c_str(), AVIO_FLAG_WRITE)) < 0)
@@ -444,6 +507,43 @@ void VideoWriter::open(bool quiet) {
     r = avformat_write_header(format_, &options);
     av_dict_free(&options);
     if (r < 0) throw file_error(name_, "cannot write the container header: " + av_error(r));
+}
+
+// Sets up and opens the encoder for one pixel format; an FFmpeg error code.
+int VideoWriter::start_encoder(const AVCodec* codec, int pixel_format) {
+    const StreamInfo& info = info_;
+    const std::string codec_name = codec->name;
+    const AVOutputFormat* of = format_->oformat;
+    encoder_ = avcodec_alloc_context3(codec);
+    if (encoder_ == nullptr) return AVERROR(ENOMEM);
+    encoder_->width = info.visible_width();
+    encoder_->height = info.visible_height();
+    encoder_->pix_fmt = static_cast<AVPixelFormat>(pixel_format);
+    encoder_->framerate = {info.frame_rate.num, info.frame_rate.den};
+    // The encoder counts in frames: some containers (AVI) and encoders
+    // (MPEG-4 part 2) take nothing else; input times are rescaled to it.
+    encoder_->time_base = {info.frame_rate.den, info.frame_rate.num};
+    if (info.aspect.num > 0 && info.aspect.den > 0) encoder_->sample_aspect_ratio = {info.aspect.num, info.aspect.den};
+    encoder_->color_range = AVCOL_RANGE_MPEG;
+    if (audio_from_ != nullptr) {
+        encoder_->color_primaries = static_cast<AVColorPrimaries>(audio_from_->colour_primaries());
+        encoder_->color_trc = static_cast<AVColorTransferCharacteristic>(audio_from_->colour_transfer());
+        encoder_->colorspace = static_cast<AVColorSpace>(audio_from_->colour_space());
+    }
+    if (codec_name == "libx264") {
+        av_opt_set(encoder_->priv_data, "preset", "fast", 0);
+        av_opt_set(encoder_->priv_data, "crf", "18", 0);
+    } else if (codec_name.rfind("libvpx", 0) == 0) {
+        encoder_->bit_rate = 0;
+        av_opt_set(encoder_->priv_data, "crf", "30", 0);
+        av_opt_set_int(encoder_->priv_data, "cpu-used", 5, 0);
+    } else {
+        encoder_->flags |= AV_CODEC_FLAG_QSCALE;
+        encoder_->global_quality = FF_QP2LAMBDA * 3;
+    }
+    if (of->flags & AVFMT_GLOBALHEADER) encoder_->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    encoder_->thread_count = kCodecThreads;
+    return avcodec_open2(encoder_, codec, nullptr);
 }
 
 VideoWriter::~VideoWriter() { close(); }
@@ -466,21 +566,22 @@ std::string VideoWriter::encoder_name() const { return encoder_ != nullptr ? enc
 void VideoWriter::write(const Picture& picture) {
     Picture staging;
     const Picture& p = as_i420(picture, staging);
+    // The frame is filled whole and handed over at the stream's own size,
+    // which crops an extended frame back.
+    frame_->width = p.width;
+    frame_->height = p.height;
     int r = av_frame_make_writable(frame_);
     if (r < 0) throw file_error(name_, "out of memory for a frame: " + av_error(r));
     if (encoder_->pix_fmt == AV_PIX_FMT_YUV420P) {
         const uint8_t* src[4];
         int src_linesize[4];
         picture_planes(p, src, src_linesize);
-        for (int plane = 0; plane < 3; ++plane) {
-            const int rows = plane == 0 ? p.height : p.height / 2;
-            for (int y = 0; y < rows; ++y)
-                memcpy(frame_->data[plane] + static_cast<ptrdiff_t>(y) * frame_->linesize[plane],
-                       src[plane] + static_cast<size_t>(y) * src_linesize[plane], src_linesize[plane]);
-        }
+        copy_420(src, src_linesize, frame_->data, frame_->linesize, p.width, p.height);
     } else {
         scale_into(p, encoder_->pix_fmt, false, p.width, p.height, frame_->data, frame_->linesize);
     }
+    frame_->width = encoder_->width;
+    frame_->height = encoder_->height;
     int64_t pts = av_rescale_q(p.pts, {info_.time_base.num, info_.time_base.den}, encoder_->time_base);
     if (pts <= last_pts_) pts = last_pts_ + 1;
     last_pts_ = pts;

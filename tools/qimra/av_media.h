@@ -8,6 +8,7 @@
 
 #include "media.h"
 
+struct AVCodec;
 struct AVCodecContext;
 struct AVFormatContext;
 struct AVFrame;
@@ -40,12 +41,19 @@ private:
     void open(const std::string& path, std::optional<Rational> still_rate);
     void release();
     void to_picture(const AVFrame* frame, Picture& picture);
+    SwsContext* converter(SwsContext* cached, const AVFrame* from, int to_format);
+    const AVFrame* extend(const AVFrame* frame, bool full_range);
 
     AVFormatContext* format_ = nullptr;
     AVCodecContext* decoder_ = nullptr;
     AVPacket* packet_ = nullptr;
     AVFrame* frame_ = nullptr;
     SwsContext* sws_ = nullptr;
+    // An odd size: the frame at the next even size, and the 4:4:4 step for
+    // pixel formats that cannot be extended as they are.
+    AVFrame* extended_ = nullptr;
+    AVFrame* wide_ = nullptr;
+    SwsContext* wide_sws_ = nullptr;
     int video_index_ = -1;
     bool draining_ = false;
     bool still_ = false;
@@ -57,13 +65,14 @@ private:
 // One picture as a .png or .jpg file.
 class ImageWriter : public FrameSink {
 public:
-    ImageWriter(OutputFile& out, bool jpeg, const std::string& input_name);
+    ImageWriter(OutputFile& out, bool jpeg, const StreamInfo& info, const std::string& input_name);
     void write(const Picture& picture) override;
     void finish() override;
 
 private:
     OutputFile& out_;
     bool jpeg_;
+    int width_, height_;  // the picture's own size
     std::string input_name_;
     bool written_ = false;
 };
@@ -80,6 +89,7 @@ public:
 
 private:
     void open(bool quiet);
+    int start_encoder(const AVCodec* codec, int pixel_format);
     void drain();
     void close();
 
@@ -99,8 +109,9 @@ private:
     bool finished_ = false;
 };
 
-// An RGB picture (3 bytes per pixel, rows packed) as a PNG file's bytes.
-std::vector<uint8_t> encode_png(const uint8_t* rgb, int width, int height);
+// An RGB picture (3 bytes per pixel, rows of row_bytes, packed when 0) as a
+// PNG file's bytes.
+std::vector<uint8_t> encode_png(const uint8_t* rgb, int width, int height, int row_bytes = 0);
 // A 4:2:0 picture, scaled to width x height, as packed RGB.
 std::vector<uint8_t> picture_to_rgb(const Picture& picture, int width, int height);
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "media.h"
 
@@ -10,8 +11,14 @@ namespace qimra::tool {
 
 struct Options {
     std::string command;  // "enhance", "compare", or "" for the general help
-    std::string input;
+    std::string input;    // the first input
+    std::vector<std::string> inputs;
     std::string output;
+    // Enhance into a folder (several inputs, or -o naming a folder): each
+    // result under its input's own name, `jobs` inputs at a time.
+    bool into_folder = false;
+    bool to_given = false;
+    int jobs = 0;  // 0: chosen from the cores
     int mode = 2;
     float gamma = 0.5f;
     std::string trace;

@@ -1,14 +1,17 @@
 // qimra: the command-line tool. `enhance` runs every frame of a picture,
-// stream or video file through the engine; `compare` draws one frame before
-// and after.
+// stream or video file through the engine, one input into one output or
+// many into a folder; `compare` draws one frame before and after.
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <functional>
 #include <optional>
 
 #include "av_media.h"
+#include "batch.h"
 #include "cli.h"
 #include "compare_image.h"
 #include "error.h"
@@ -52,17 +55,43 @@ void write_text_file(const std::string& path, const std::string& text) {
 
 std::string plural(int64_t n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
 
-int run_enhance(const Options& o) {
+// Every failure ends as one line on standard error, "qimra: <file>: <problem>";
+// among several inputs a problem that names no file is put under its input.
+int guarded(const std::function<int()>& work, const std::string& input, const std::string& output) {
+    auto report = [&](std::string text, int code) {
+        // The C++ layer's messages already begin with "qimra: ".
+        if (text.rfind("qimra: ", 0) == 0) text.erase(0, 7);
+        const bool named = text.rfind(input + ": ", 0) == 0 || text.rfind(output + ": ", 0) == 0;
+        if (!input.empty() && !named) text = input + ": " + text;
+        fprintf(stderr, "qimra: %s\n", text.c_str());
+        return code;
+    };
+    try {
+        return work();
+    } catch (const ToolError& e) {
+        return report(e.what(), e.code());
+    } catch (const std::bad_alloc&) {
+        return report("out of memory", kExitError);
+    } catch (const std::exception& e) {
+        return report(e.what(), kExitError);
+    }
+}
+
+// Enhances one input into one output; `counted` hears of every frame
+// written (frames so far, frames expected or -1).
+int enhance_file(const Options& o, const FrameCounter& counted) {
     if (o.output == "-") reserve_stdout_for_data();
     output_kind(o.output, o.media);  // an unknown output extension fails before any work
     std::unique_ptr<FrameSource> source = open_source(o.input, o.media);
     const StreamInfo& info = source->info();
+    if (info.extended() && o.verbose)
+        fprintf(stderr, "qimra: %s: %dx%d is odd; enhanced at %dx%d with its last column and row repeated, "
+                        "then cropped back\n", o.input == "-" ? "standard input" : o.input.c_str(), info.own_width,
+                info.own_height, info.width, info.height);
     OutputFile out(o.output);
     std::unique_ptr<FrameSink> sink = open_sink(out, o.output, o.media, info, source.get());
-    std::optional<OutputFile> trace_out, plot_out;
     QuietEngine engine(info, o);
 
-    Progress progress(!o.media.quiet && isatty(STDERR_FILENO) && info.frame_count != 1, info.frame_count);
     std::vector<FrameReport> reports;
     Picture picture;
     int64_t frames = 0;
@@ -70,9 +99,8 @@ int run_enhance(const Options& o) {
         engine->process(picture.view());
         sink->write(picture);
         reports.push_back(engine->report());
-        progress.update(++frames);
+        counted(++frames, info.frame_count);
     }
-    progress.finish(frames);
     if (frames == 0)
         throw file_error(o.input, source->truncation().empty() ? "holds no frames" : source->truncation());
     sink->finish();
@@ -86,6 +114,38 @@ int run_enhance(const Options& o) {
                                       " before it were written",
                          kExitTruncated);
     return kExitOk;
+}
+
+int run_enhance(const Options& o) {
+    // A progress line for streams and videos; a single picture is done at once.
+    Progress progress(!o.media.quiet && isatty(STDERR_FILENO), 0);
+    ProgressStatus status;
+    const int code = enhance_file(o, [&](int64_t frames, int64_t expected) {
+        status.frames = frames;
+        status.total_frames = expected;
+        status.share = expected > 0 ? static_cast<double>(frames) / static_cast<double>(expected) : -1.0;
+        if (expected != 1) progress.update(status);
+    });
+    progress.finish(status);
+    return code;
+}
+
+// Several inputs into a folder, each in a worker process of its own.
+int run_into_folder(const Options& o) {
+    std::error_code error;
+    std::filesystem::create_directories(o.output, error);
+    if (error) throw file_error(o.output, "cannot make the folder: " + error.message());
+    Options each = o;
+    // Without --to, a raw input's result keeps its name, and so its kind.
+    each.media.raw_output = o.media.size.has_value() && !o.to_given;
+    const std::vector<BatchItem> items = plan_outputs(o.inputs, o.output, o.to_given ? o.media.to : "");
+    const int jobs = o.jobs > 0 ? o.jobs : default_jobs();
+    return run_batch(items, jobs, !o.media.quiet && isatty(STDERR_FILENO), o.media.quiet,
+                     [&](const BatchItem& item, const FrameCounter& counted) {
+                         each.input = item.input;
+                         each.output = item.output;
+                         return guarded([&] { return enhance_file(each, counted); }, item.input, item.output);
+                     });
 }
 
 int run_compare(const Options& o) {
@@ -129,7 +189,8 @@ int run(int argc, const char* const* argv) {
         return kExitOk;
     }
     set_av_log_level(o.verbose);
-    return o.command == "enhance" ? run_enhance(o) : run_compare(o);
+    if (o.command == "compare") return run_compare(o);
+    return o.into_folder ? run_into_folder(o) : run_enhance(o);
 }
 
 }  // namespace
@@ -139,20 +200,5 @@ int main(int argc, char** argv) {
     // A closed pipe on standard output is reported as a write error.
     signal(SIGPIPE, SIG_IGN);
     using namespace qimra::tool;
-    try {
-        return run(argc, argv);
-    } catch (const ToolError& e) {
-        fprintf(stderr, "qimra: %s\n", e.what());
-        return e.code();
-    } catch (const qimra::Error& e) {
-        // The C++ layer's messages already begin with "qimra: ".
-        fprintf(stderr, "%s\n", e.what());
-        return kExitError;
-    } catch (const std::bad_alloc&) {
-        fprintf(stderr, "qimra: out of memory\n");
-        return kExitError;
-    } catch (const std::exception& e) {
-        fprintf(stderr, "qimra: %s\n", e.what());
-        return kExitError;
-    }
+    return guarded([&] { return run(argc, argv); }, "", "");
 }

@@ -40,12 +40,18 @@ public:
 enum class MediaKind { y4m, raw, image, video };
 
 struct MediaOptions {
-    std::optional<std::pair<int, int>> size;  // raw frames: --size WxH
-    ColourFormat raw_format = ColourFormat::i420;
+    std::optional<std::pair<int, int>> size;  // --size WxH: every input is raw frames of that size
+    std::optional<ColourFormat> raw_format;   // --format: the raw layout, whatever a name says
     std::optional<Rational> fps;               // frame rate of raw input and stills
-    std::string to = "y4m";                   // what "-o -" writes: y4m or yuv
+    std::string to = "y4m";                   // what "-o -" writes: y4m, yuv or a raw layout
+    bool raw_output = false;                  // raw frames whatever the output's name (a folder keeps raw names)
     bool quiet = false;
 };
+
+// The extension of a file name, lower case with its dot ("" when none).
+std::string extension_of(const std::string& path);
+// The raw layout a name stands for ("nv12", "clip.nv12"), if any.
+std::optional<ColourFormat> layout_named(const std::string& name_or_path);
 
 // The kind of a file by its extension ("-": standard input or output).
 MediaKind input_kind(const std::string& path, const MediaOptions& options);
@@ -56,7 +62,8 @@ std::unique_ptr<FrameSource> open_source(const std::string& path, const MediaOpt
 std::unique_ptr<FrameSink> open_sink(OutputFile& out, const std::string& path, const MediaOptions& options,
                                      const StreamInfo& info, FrameSource* source);
 
-// Dimensions the tool accepts for a stream; throws naming the file.
-void check_dimensions(const std::string& file, int width, int height);
+// Dimensions the tool accepts for a stream; throws naming the file. Raw and
+// Y4M 4:2:0 frames must be even; pictures and videos are extended.
+void check_dimensions(const std::string& file, int width, int height, bool even = true);
 
 }  // namespace qimra::tool

@@ -1,6 +1,7 @@
 #include "output_file.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -47,10 +48,20 @@ OutputFile::OutputFile(std::string target) : target_(std::move(target)) {
     std::string pattern = dir + "." + base + ".qimra-XXXXXX" + ext;
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
+    // An interrupt between making the file and registering it would leave it behind.
+    sigset_t interrupts, old;
+    sigemptyset(&interrupts);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&interrupts, sig);
+    sigprocmask(SIG_BLOCK, &interrupts, &old);
     fd_ = mkstemps(name.data(), static_cast<int>(ext.size()));
+    const int make_error = errno;
+    if (fd_ >= 0) {
+        temp_ = name.data();
+        interrupt_slot_ = remove_on_interrupt(temp_.c_str());
+    }
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+    errno = make_error;
     if (fd_ < 0) throw file_error(target_, "cannot write there: " + errno_text());
-    temp_ = name.data();
-    interrupt_slot_ = remove_on_interrupt(temp_.c_str());
     // mkstemps makes the file private; the result gets the usual permissions.
     const mode_t mask = umask(0);
     umask(mask);

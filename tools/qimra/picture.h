@@ -59,6 +59,14 @@ struct StreamInfo {
     Rational aspect{0, 0};     // sample aspect ratio, 0:0 when unknown
     int64_t frame_count = -1;  // expected frames, -1 when unknown
     std::string y4m_tags;      // interlacing, aspect, chroma and X tags of a Y4M input
+    // A picture or video of odd size is worked on at the next even size
+    // (width x height), its last column and row repeated, and cropped back
+    // to its own size when written; 0 when its size is even.
+    int own_width = 0;
+    int own_height = 0;
+    bool extended() const { return own_width != 0; }
+    int visible_width() const { return extended() ? own_width : width; }
+    int visible_height() const { return extended() ? own_height : height; }
 };
 
 }  // namespace qimra::tool

@@ -16,48 +16,76 @@ std::string clock_text(double seconds) {
     return text;
 }
 
+// The line is built by appending to one string: GCC 12 warns of a memcpy
+// overlap it cannot rule out wherever a temporary string is prepended to
+// ("[" + text, a + b with b's buffer reused).
+std::string bar(double share) {
+    constexpr int kBar = 30;
+    const int filled = static_cast<int>(kBar * std::clamp(share, 0.0, 1.0));
+    std::string s = "[";
+    s.append(filled, '#');
+    s.append(kBar - filled, '-');
+    s += "] ";
+    return s;
+}
+
 }  // namespace
 
-Progress::Progress(bool enabled, int64_t total)
-    : enabled_(enabled), total_(total), start_(std::chrono::steady_clock::now()), last_draw_(start_) {}
+Progress::Progress(bool enabled, int files)
+    : enabled_(enabled), files_(files), start_(std::chrono::steady_clock::now()), last_draw_(start_) {}
 
-void Progress::update(int64_t frames_done) {
+void Progress::update(const ProgressStatus& status) {
     if (!enabled_) return;
     const auto now = std::chrono::steady_clock::now();
     if (drawn_ && now - last_draw_ < std::chrono::milliseconds(200)) return;
     last_draw_ = now;
-    draw(frames_done);
+    draw(status);
 }
 
-void Progress::finish(int64_t frames_done) {
+void Progress::clear() {
     if (!enabled_ || !drawn_) return;
-    draw(frames_done);
-    fputc('\n', stderr);
+    fprintf(stderr, "\r%*s\r", static_cast<int>(width_), "");
+    drawn_ = false;
 }
 
-void Progress::draw(int64_t frames_done) {
+void Progress::finish(const ProgressStatus& status) {
+    if (!enabled_ || !drawn_) return;
+    draw(status);
+    fputc('\n', stderr);
+    drawn_ = false;
+}
+
+void Progress::draw(const ProgressStatus& s) {
     drawn_ = true;
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    const double fps = elapsed > 0.0 ? static_cast<double>(frames_done) / elapsed : 0.0;
-    std::string line = "\r";
-    if (total_ > 0) {
-        constexpr int kBar = 30;
-        const int64_t shown = std::min(frames_done, total_);
-        const int filled = static_cast<int>(kBar * shown / total_);
-        line += "[" + std::string(filled, '#') + std::string(kBar - filled, '-') + "] ";
-        line += std::to_string(frames_done) + "/" + std::to_string(total_) + " frames";
-    } else {
-        line += std::to_string(frames_done) + " frames";
-    }
-    char speed[48];
-    snprintf(speed, sizeof speed, "  %.1f fps", fps);
-    line += speed;
-    if (total_ > 0 && fps > 0.0 && frames_done < total_)
-        line += "  " + clock_text(static_cast<double>(total_ - frames_done) / fps) + " left";
+    const double fps = elapsed > 0.0 ? static_cast<double>(s.frames) / elapsed : 0.0;
+    std::string line;
+    if (s.share >= 0.0) line += bar(s.share);
+    char counts[128];
+    if (files_ > 0)
+        snprintf(counts, sizeof counts, "%d/%d files  %lld frames", s.files_done, files_,
+                 static_cast<long long>(s.frames));
+    else if (s.total_frames > 0)
+        snprintf(counts, sizeof counts, "%lld/%lld frames", static_cast<long long>(s.frames),
+                 static_cast<long long>(s.total_frames));
     else
-        line += "  " + clock_text(elapsed) + " taken";
-    line += "   ";  // clears what a longer previous line left
-    fputs(line.c_str(), stderr);
+        snprintf(counts, sizeof counts, "%lld frames", static_cast<long long>(s.frames));
+    line += counts;
+    char speed[48];
+    snprintf(speed, sizeof speed, "  %.1f fps  ", fps);
+    line += speed;
+    if (s.share > 0.0 && s.share < 1.0) {
+        line += clock_text(elapsed * (1.0 - s.share) / s.share);
+        line += " left";
+    } else {
+        line += clock_text(elapsed);
+        line += " taken";
+    }
+    // Pads over what a longer previous line left.
+    const size_t length = line.size();
+    if (length < width_) line.append(width_ - length, ' ');
+    width_ = length;
+    fprintf(stderr, "\r%s", line.c_str());
     fflush(stderr);
 }
 

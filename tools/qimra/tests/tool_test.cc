@@ -187,11 +187,14 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
         ASSERT_EQ(y.frames.size(), 4u);
         for (size_t i = 0; i < 4; ++i) EXPECT_TRUE(y.frames[i] == want[i]) << "y4m frame " << i;
 
-        // Y4M in, raw out, in each layout: the same frames rearranged.
+        // Y4M in, raw out, in each layout named by --format or by the
+        // output's extension: the same frames rearranged.
+        write_file(path("in.y4m"), y4m_of(640, 480, frames));
         for (ColourFormat f : {ColourFormat::i420, ColourFormat::yv12, ColourFormat::nv12, ColourFormat::nv21}) {
-            write_file(path("in.y4m"), y4m_of(640, 480, frames));
-            ASSERT_EQ(run("enhance in.y4m -o out.yuv --format " + std::string(format_name(f)) + m).code, 0);
-            const std::string got = read_file(path("out.yuv"));
+            const std::string name = format_name(f);
+            const std::string out = mode == 0 ? "out." + name : "out.yuv";
+            ASSERT_EQ(run("enhance in.y4m -o " + out + (mode == 0 ? "" : " --format " + name) + m).code, 0);
+            const std::string got = read_file(path(out));
             ASSERT_EQ(got.size(), raw.size());
             for (size_t i = 0; i < 4; ++i) {
                 Picture p, q;
@@ -203,7 +206,9 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
             }
         }
     }
-    // Raw frames in an interleaved layout run in that layout.
+    // Raw frames in an interleaved layout run in that layout, and a raw
+    // output without a layout of its own keeps it. The layout comes from the
+    // name or from --format, which outweighs the name; with --size any name is raw.
     std::vector<Frame> nv21;
     std::string nv21_raw;
     for (const Frame& f : frames) {
@@ -214,13 +219,67 @@ TEST_F(ToolTest, RawAndY4mGiveTheEngineBitsInEveryLayout) {
         nv21.push_back(q.bytes);
         nv21_raw.append(q.bytes.begin(), q.bytes.end());
     }
-    write_file(path("in21.yuv"), nv21_raw);
-    ASSERT_EQ(run("enhance in21.yuv --size 640x480 --format nv21 -o out21.yuv --mode 0").code, 0);
     const std::vector<Frame> want = enhanced(nv21, 640, 480, Mode::fixed, 0.5f, ColourFormat::nv21);
-    const std::string got = read_file(path("out21.yuv"));
     std::string want_raw;
     for (const Frame& f : want) want_raw.append(f.begin(), f.end());
-    EXPECT_TRUE(got == want_raw);
+    for (const char* in : {"in.nv21", "in.nv12 --format nv21", "in.frames --format nv21", "in.YUV --format nv21"}) {
+        const std::string file = std::string(in).substr(0, std::string(in).find(' '));
+        write_file(path(file), nv21_raw);
+        ASSERT_EQ(run(std::string("enhance ") + in + " --size 640x480 -o out21.yuv --mode 0").code, 0) << in;
+        EXPECT_TRUE(read_file(path("out21.yuv")) == want_raw) << in;
+    }
+    // Into a folder, raw results keep their names and layouts.
+    ASSERT_EQ(run("enhance in.nv21 in.frames --size 640x480 --format nv21 -o raw/ --mode 0").code, 0);
+    for (const char* out : {"raw/in.nv21", "raw/in.frames"}) EXPECT_TRUE(read_file(path(out)) == want_raw) << out;
+}
+
+TEST_F(ToolTest, OddPicturesAndVideosKeepTheirSize) {
+    // A real photograph cut to odd sizes, beside the even frame made by
+    // repeating its last column and row: the odd result is that frame's
+    // result cropped back, to the byte.
+    const Frame pier = media_frame("pier", 1920, 1080);
+    for (auto [w, h] : {std::pair{3, 5}, std::pair{301, 203}, std::pair{640, 479}}) {
+        const std::string size = std::to_string(w) + "x" + std::to_string(h);
+        const int W = w + w % 2, H = h + h % 2;
+        const std::string crop = "crop=" + std::to_string(w) + ":" + std::to_string(h) + ":0:0";
+        // A picture (RGB), and its twin with the last column and row repeated.
+        shell("ffmpeg -nostdin -v error -y -i " + kMedia + "/photos/pier.jpg -vf " + crop + " -pix_fmt rgb24 odd.png");
+        shell("ffmpeg -nostdin -v error -y -i odd.png -vf pad=" + std::to_string(W) + ":" + std::to_string(H) +
+              ",fillborders=right=" + std::to_string(w % 2) + ":bottom=" + std::to_string(h % 2) +
+              ":mode=smear -pix_fmt rgb24 even.png");
+        // A lossless 4:2:0 video cut from an even frame whose last luma
+        // column and row repeat the ones before (its chroma is whole already).
+        Frame even = crop_i420(pier, 1920, 1080, W, H);
+        for (int y = 0; y < H; ++y) even[y * W + W - 1] = even[y * W + w - 1];
+        std::copy_n(even.begin() + (h - 1) * W, W, even.begin() + (H - 1) * W);
+        write_file(path("even.y4m"), y4m_of(W, H, {even}));
+        std::string odd;
+        for (int y = 0; y < h; ++y) odd.append(even.begin() + y * W, even.begin() + y * W + w);
+        odd.append(even.begin() + W * H, even.end());
+        write_file(path("odd.yuv"), odd);
+        shell("ffmpeg -nostdin -v error -y -f rawvideo -pix_fmt yuv420p -s " + size + " -i odd.yuv -c:v ffv1 odd.mkv");
+        for (const char* kind : {"png", "mkv"}) {
+            SCOPED_TRACE(size + " " + kind);
+            const std::string even = std::string(kind) == "png" ? "even.png" : "even.y4m";
+            ASSERT_EQ(run("enhance odd." + std::string(kind) + " -o odd_out.png --mode 0").code, 0);
+            ASSERT_EQ(run("enhance " + even + " -o even_out.png --mode 0").code, 0);
+            shell("ffmpeg -nostdin -v error -y -i odd_out.png -f rawvideo -pix_fmt rgb24 odd.rgb");
+            shell("ffmpeg -nostdin -v error -y -i even_out.png -vf crop=" + std::to_string(w) + ":" +
+                  std::to_string(h) + ":0:0 -f rawvideo -pix_fmt rgb24 even.rgb");
+            const std::string got = read_file(path("odd.rgb"));
+            EXPECT_EQ(got.size(), static_cast<size_t>(w) * h * 3);
+            EXPECT_TRUE(got == read_file(path("even.rgb")));
+        }
+        // Every picture and video output keeps the size; Y4M cannot hold it.
+        for (const char* out : {"out.jpg", "out.mp4", "out.webm"}) {
+            ASSERT_EQ(run(std::string("enhance odd.mkv -o ") + out).code, 0) << out;
+            shell(std::string("ffprobe -v error -show_entries stream=width,height -of csv=p=0 ") + out + " > probe.txt");
+            EXPECT_EQ(read_file(path("probe.txt")), std::to_string(w) + "," + std::to_string(h) + "\n") << out;
+        }
+        const Result r = run("enhance odd.png -o out.y4m");
+        EXPECT_EQ(r.code, 1);
+        EXPECT_EQ(r.err.rfind("qimra: out.y4m: cannot hold the " + size + " frames of odd.png", 0), 0u) << r.err;
+    }
 }
 
 TEST_F(ToolTest, SizesTheCoreCannotTakeComeOutAtTheirOwnSize) {
@@ -323,6 +382,74 @@ TEST_F(ToolTest, VideoFilesKeepTheirFramesTimingAndAudio) {
     }
 }
 
+// ------------------------------------------------------------ into a folder
+
+TEST_F(ToolTest, ABatchIntoAFolderEqualsOneByOneRuns) {
+    // Real photographs as streams and pictures, and a broken file among them.
+    const std::vector<Frame> photos = four_photos();
+    write_file(path("a.y4m"), y4m_of(640, 480, photos));
+    write_file(path("b.y4m"), y4m_of(640, 480, {photos[3], photos[1]}));
+    fs::copy_file(fs::path(kMedia) / "photos" / "coffee.png", path("c.png"));
+    fs::copy_file(fs::path(kMedia) / "photos" / "chelsea.png", path("d.png"));
+    write_file(path("broken.png"), "not a picture");
+    const std::vector<std::string> good = {"a.y4m", "b.y4m", "c.png", "d.png"};
+    fs::create_directory(path("one"));
+    for (const std::string& f : good) ASSERT_EQ(run("enhance " + f + " -o one/" + f).code, 0) << f;
+
+    for (const char* jobs : {"-j 1", "-j2"}) {
+        SCOPED_TRACE(jobs);
+        fs::remove_all(path("batch"));
+        const Result r = run("enhance a.y4m broken.png b.y4m c.png d.png -o batch/ " + std::string(jobs));
+        EXPECT_EQ(r.code, 1);
+        EXPECT_NE(r.err.find("qimra: broken.png: cannot read it"), std::string::npos) << r.err;
+        EXPECT_TRUE(r.err.ends_with("qimra: 4 written, 1 failed\n")) << r.err;
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(path("batch"))) names.push_back(e.path().filename().string());
+        std::sort(names.begin(), names.end());
+        EXPECT_EQ(names, good) << "each result under its input's name, and nothing else";
+        for (const std::string& f : good) EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f))) << f;
+    }
+    // --to names the kind of every result; all good, all written.
+    write_file(path("e.y4m"), y4m_of(640, 480, {photos[2]}));
+    const Result r = run("enhance e.y4m c.png -o pics --to png --quiet");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(decode_i420("pics/e.png").size(), frame_bytes(640, 480));
+    EXPECT_TRUE(fs::exists(path("pics/c.png")));
+}
+
+TEST_F(ToolTest, ABatchNeverWritesOverAnInputOrTwiceToOneName) {
+    const std::string frame = "YUV4MPEG2 W64 H64\nFRAME\n" + std::string(frame_bytes(64, 64), '\x50');
+    fs::create_directories(path("out"));
+    fs::create_directories(path("sub"));
+    for (const char* f : {"x.y4m", "sub/x.y4m", "out/x.y4m", "x.nv12"}) write_file(path(f), frame);
+    write_file(path("x.png"), "stays");
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+        // arguments, the failure reported, the summary
+        {"x.y4m sub/x.y4m -o out2/", "qimra: sub/x.y4m: its output out2/x.y4m is already the output of x.y4m",
+         "1 written, 1 failed"},
+        {"out/x.y4m x.y4m -o out",
+         "qimra: out/x.y4m: writing out/x.y4m would overwrite the input itself; choose another folder",
+         "0 written, 2 failed"},
+        {"x.y4m x.png -o pics/ --to y4m", "qimra: x.png: its output pics/x.y4m is already the output of x.y4m",
+         "1 written, 1 failed"},
+    };
+    for (const auto& [args, message, summary] : cases) {
+        SCOPED_TRACE(args);
+        const Result r = run("enhance " + args + " --mode 0");
+        EXPECT_EQ(r.code, 1);
+        EXPECT_NE(r.err.find(message + "\n"), std::string::npos) << r.err;
+        EXPECT_TRUE(r.err.ends_with("qimra: " + summary + "\n")) << r.err;
+        EXPECT_EQ(read_file(path("x.png")), "stays");
+        EXPECT_EQ(read_file(path("out/x.y4m")), frame);
+    }
+    EXPECT_TRUE(fs::exists(path("out2/x.y4m")));
+    // Usage errors stop before any work.
+    for (const char* args : {"x.y4m sub/x.y4m -o x.png", "x.y4m - -o out/", "x.y4m sub/x.y4m -o out/ --trace t.csv",
+                             "x.y4m sub/x.y4m -o out/ --to gif", "x.y4m -o y.y4m -j 2"})
+        EXPECT_EQ(run(std::string("enhance ") + args).code, kExitUsage) << args;
+}
+
 // ------------------------------------------------------------- bad input
 
 TEST_F(ToolTest, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
@@ -355,6 +482,8 @@ TEST_F(ToolTest, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "enhance in.y4m", 2, "qimra: no output given"},
         {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "enhance in.y4m -o out.y4m --loud", 2,
          "qimra: unknown option '--loud'"},
+        {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "enhance in.y4m -o ./in.y4m", 2,
+         "qimra: ./in.y4m: the output would overwrite the input"},
         {"in.y4m", "YUV4MPEG2 W64 H64\nFRAME\n" + frame, "compare in.y4m -o out.png --frame 1", 1,
          "qimra: in.y4m: has 1 frame; --frame 1 is past its end"},
     };
