@@ -1,11 +1,11 @@
 # make test: install what is missing, build every tested preset, run the suite
 # on each (x86-64, address+undefined sanitizers, thread sanitizer, ARMv7 NEON
-# under qemu-arm).
+# under qemu-arm), then check the format of the sources.
 TEST_PRESETS ?= host host-asan host-tsan armhf
 ALL_PRESETS := host host-asan host-tsan armhf
 JOBS ?= $(shell nproc)
 
-.PHONY: all build setup media demo bench bench-armhf bench-instructions bench-instructions-armhf mutate test $(addprefix test-,$(ALL_PRESETS)) clean
+.PHONY: all build setup media demo bench bench-armhf bench-instructions bench-instructions-armhf mutate test check-format $(addprefix test-,$(ALL_PRESETS)) clean
 
 all: build
 
@@ -72,6 +72,11 @@ bench-instructions-armhf: setup media
 
 test: setup media
 	@set -e; for p in $(TEST_PRESETS); do $(MAKE) --no-print-directory test-$$p; done
+	@$(MAKE) --no-print-directory check-format
+
+# Every C++ source as .clang-format writes it (clang-format --dry-run -Werror).
+check-format:
+	@scripts/check-format
 
 # A static pattern rule: make skips implicit rules for phony targets.
 $(addprefix test-,$(ALL_PRESETS)): test-%:

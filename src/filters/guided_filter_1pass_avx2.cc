@@ -31,22 +31,22 @@ QIMRA_AVX2 inline __m256i low_bytes_of_u32x8(__m256 v) {
 }
 
 // Eight results (two groups of four) as 8 bytes.
-QIMRA_AVX2 inline __m128i filter_group8(const uint32_t* sum_top, const uint32_t* sq_top, ptrdiff_t below,
-                                        int32_t side, const uint8_t* in, float inv_n, float eps) {
+QIMRA_AVX2 inline __m128i filter_group8(const uint32_t* sum_top, const uint32_t* sq_top, ptrdiff_t below, int32_t side,
+                                        const uint8_t* in, float inv_n, float eps) {
     const __m256 k_inv_n = _mm256_set1_ps(inv_n);
     const __m256 mean = _mm256_mul_ps(u32_to_float8(window_sum8(sum_top, below, side)), k_inv_n);
     const __m256 sq_mean = _mm256_mul_ps(u32_to_float8(window_sum8(sq_top, below, side)), k_inv_n);
-    const __m256 var =
-        _mm256_mul_ps(_mm256_sub_ps(sq_mean, _mm256_mul_ps(mean, mean)), _mm256_set1_ps(kInvSquared255));
+    const __m256 var = _mm256_mul_ps(_mm256_sub_ps(sq_mean, _mm256_mul_ps(mean, mean)), _mm256_set1_ps(kInvSquared255));
     const __m256 a = _mm256_mul_ps(recpe_f32x8_avx2(_mm256_add_ps(var, _mm256_set1_ps(eps))), var);
-    const __m256 pixel = _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in))));
+    const __m256 pixel =
+        _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(in))));
     const __m256 t1 = _mm256_mul_ps(a, mean);
     const __m256 t2 = _mm256_mul_ps(pixel, a);
     const __m256 t3 = _mm256_sub_ps(mean, t1);
     const __m256i bytes = low_bytes_of_u32x8(_mm256_add_ps(t2, t3));
     // The low byte of every lane, four from each 128-bit half.
-    const __m256i low_bytes = _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
-                                               0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
+    const __m256i low_bytes = _mm256_setr_epi8(0, 4, 8, 12, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 4, 8, 12,
+                                               -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1);
     const __m256i packed = _mm256_shuffle_epi8(bytes, low_bytes);
     return _mm_unpacklo_epi32(_mm256_castsi256_si128(packed), _mm256_extracti128_si256(packed, 1));
 }

@@ -27,8 +27,7 @@ QIMRA_AVX512 inline __m128i filter_group16(const uint32_t* sum_top, const uint32
                                            int32_t side, const uint8_t* in, __m512 inv_n, __m512 eps) {
     const __m512 mean = _mm512_mul_ps(_mm512_cvtepu32_ps(window_sum16(sum_top, below, side)), inv_n);
     const __m512 sq_mean = _mm512_mul_ps(_mm512_cvtepu32_ps(window_sum16(sq_top, below, side)), inv_n);
-    const __m512 var =
-        _mm512_mul_ps(_mm512_sub_ps(sq_mean, _mm512_mul_ps(mean, mean)), _mm512_set1_ps(kInvSquared255));
+    const __m512 var = _mm512_mul_ps(_mm512_sub_ps(sq_mean, _mm512_mul_ps(mean, mean)), _mm512_set1_ps(kInvSquared255));
     const __m512 a = _mm512_mul_ps(recpe_f32x16_avx512(_mm512_add_ps(var, eps)), var);
     const __m512 pixel =
         _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in))));

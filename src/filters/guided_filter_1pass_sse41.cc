@@ -22,9 +22,9 @@ int32_t filter_image(const uint8_t* src, const uint32_t* ii_sum, const uint32_t*
     if (groups <= 0 || height <= 0) return 0;
     const auto [side, table_stride, below] = window_geometry(width, radius);
     const float inv_n = 1.0f / static_cast<float>(side * side);
-    const FilterImage im{src,   dst,   ii_sum,  ii_sqsum, width,      height,
-                         table_stride, below, side, inv_n, eps, 4 * groups,
-                         {_mm_set1_ps(inv_n), _mm_set1_ps(kInvSquared255), _mm_set1_ps(eps)}};
+    const Constants k{_mm_set1_ps(inv_n), _mm_set1_ps(kInvSquared255), _mm_set1_ps(eps)};
+    const FilterImage im{src,   dst,  ii_sum, ii_sqsum, width,      height, table_stride,
+                         below, side, inv_n,  eps,      4 * groups, k};
     form(im);
     return im.end;
 }

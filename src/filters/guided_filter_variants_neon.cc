@@ -10,8 +10,7 @@
 
 namespace qimra {
 
-int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, float eps, float* a, float* b,
-                                       int32_t n) {
+int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, float eps, float* a, float* b, int32_t n) {
     const ptrdiff_t below = w.side * w.stride;
     const float32x4_t inv_n4 = vdupq_n_f32(inv_n);
     const float32x4_t norm4 = vdupq_n_f32(kInvSquared255);
@@ -20,15 +19,14 @@ int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, floa
     for (int32_t i = 0; i < done; i += 4) {
         const uint32_t* st = w.sum_top + i;
         const uint32_t* qt = w.sq_top + i;
-        const uint32x4_t s = vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(st + below + w.side), vld1q_u32(st)),
-                                                 vld1q_u32(st + below)),
-                                       vld1q_u32(st + w.side));
-        const uint32x4_t q = vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(qt + below + w.side), vld1q_u32(qt)),
-                                                 vld1q_u32(qt + below)),
-                                       vld1q_u32(qt + w.side));
+        const uint32x4_t s =
+            vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(st + below + w.side), vld1q_u32(st)), vld1q_u32(st + below)),
+                      vld1q_u32(st + w.side));
+        const uint32x4_t q =
+            vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(qt + below + w.side), vld1q_u32(qt)), vld1q_u32(qt + below)),
+                      vld1q_u32(qt + w.side));
         const float32x4_t mean = vmulq_f32(vcvtq_f32_u32(s), inv_n4);
-        const float32x4_t var =
-            vmulq_f32(vsubq_f32(vmulq_f32(vcvtq_f32_u32(q), inv_n4), vmulq_f32(mean, mean)), norm4);
+        const float32x4_t var = vmulq_f32(vsubq_f32(vmulq_f32(vcvtq_f32_u32(q), inv_n4), vmulq_f32(mean, mean)), norm4);
         const float32x4_t d = vaddq_f32(var, eps4);
         float32x4_t r = recpe_f32x4(d);
         r = vmulq_f32(r, recps_f32x4(d, r));

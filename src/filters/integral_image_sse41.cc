@@ -23,8 +23,7 @@ inline void store4(uint32_t* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<_
 
 }  // namespace
 
-int32_t integral_row_sse41(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up,
-                           RowRun& run) {
+int32_t integral_row_sse41(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run) {
     __m128i run_sum = _mm_set1_epi32(static_cast<int32_t>(run.sum));
     __m128i run_sq = _mm_set1_epi32(static_cast<int32_t>(run.sq));
     int32_t x = 0;

@@ -60,10 +60,11 @@ QIMRA_AVX2 inline __m256i doubled(const uint8_t* gain) {
 
 }  // namespace
 
-void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                          const uint8_t* gain, int32_t width, int32_t height) {
+void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v, const uint8_t* gain,
+                          int32_t width, int32_t height) {
     const std::size_t pairs = 8 * scale_uv_groups(width, height);
-    scale_uv_planar_sse41_from(in_u, in_v, out_u, out_v, gain, planar_avx2_steps(in_u, in_v, out_u, out_v, gain, pairs), pairs);
+    scale_uv_planar_sse41_from(in_u, in_v, out_u, out_v, gain, planar_avx2_steps(in_u, in_v, out_u, out_v, gain, pairs),
+                               pairs);
 }
 
 void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height) {

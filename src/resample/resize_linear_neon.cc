@@ -25,8 +25,7 @@ int vresizeLinear_neon(const int* row0, const int* row1, uint8_t* dst, int b0, i
     const int32x4_t w1 = vdupq_n_s32(b1);
     int x = 0;
     for (; x + 16 <= width; x += 16) {
-        const uint8x8_t lo =
-            low_bytes(blend4(row0 + x, row1 + x, w0, w1), blend4(row0 + x + 4, row1 + x + 4, w0, w1));
+        const uint8x8_t lo = low_bytes(blend4(row0 + x, row1 + x, w0, w1), blend4(row0 + x + 4, row1 + x + 4, w0, w1));
         const uint8x8_t hi =
             low_bytes(blend4(row0 + x + 8, row1 + x + 8, w0, w1), blend4(row0 + x + 12, row1 + x + 12, w0, w1));
         vst1q_u8(dst + x, vcombine_u8(lo, hi));

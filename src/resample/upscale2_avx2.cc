@@ -21,9 +21,9 @@ QIMRA_AVX2 inline WidePhases horizontal32(__m256i a, __m256i b) {
 }
 
 QIMRA_AVX2 inline __m256i top32(__m256i upper, __m256i lower) {
-    return _mm256_srli_epi16(
-        _mm256_add_epi16(_mm256_mullo_epi16(upper, _mm256_set1_epi16(9)), _mm256_mullo_epi16(lower, _mm256_set1_epi16(7))),
-        8);
+    return _mm256_srli_epi16(_mm256_add_epi16(_mm256_mullo_epi16(upper, _mm256_set1_epi16(9)),
+                                              _mm256_mullo_epi16(lower, _mm256_set1_epi16(7))),
+                             8);
 }
 
 QIMRA_AVX2 inline __m256i bottom32(__m256i upper, __m256i lower) {
@@ -48,8 +48,8 @@ QIMRA_AVX2 inline __m256i load32(const uint8_t* p) { return _mm256_loadu_si256(r
 // 32 columns a step; returns the first column not done. The SSE steps run
 // in the caller, after the compiler has cleared the upper register halves
 // on return (SSE code meeting them dirty runs several times slower).
-[[gnu::noinline]] QIMRA_AVX2 int32_t avx2_steps(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0,
-                                                uint8_t* dst1, int32_t w) {
+[[gnu::noinline]] QIMRA_AVX2 int32_t avx2_steps(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1,
+                                                int32_t w) {
     const __m256i zero = _mm256_setzero_si256();
     int32_t x = 0;
     for (; w - 1 - x > 31; x += 32) {

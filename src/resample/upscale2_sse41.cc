@@ -47,7 +47,8 @@ inline void store_interleaved(uint8_t* dst, __m128i even_lo, __m128i even_hi, __
 }  // namespace
 
 // Source columns from x on, 16 per step while each has its right neighbour.
-int32_t upscale2_rows_sse41_from(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w, int32_t x) {
+int32_t upscale2_rows_sse41_from(const uint8_t* src0, const uint8_t* src1, uint8_t* dst0, uint8_t* dst1, int32_t w,
+                                 int32_t x) {
     const __m128i zero = _mm_setzero_si128();
     for (; w - 1 - x > 15; x += 16) {
         const __m128i a = load16(src0 + x), b = load16(src0 + x + 1);

@@ -60,11 +60,11 @@ IsaChoice choose_isa(const char* requested, Isa best) {
     for (const Isa level : kLevels) {
         if (strcasecmp(requested, isa_name(level)) != 0) continue;
         if (level <= best) return {level, {}};
-        return {best, std::string("QIMRA_ISA=") + requested + " is more than this processor has; using " +
-                          isa_name(best)};
+        return {best,
+                std::string("QIMRA_ISA=") + requested + " is more than this processor has; using " + isa_name(best)};
     }
-    return {best, std::string("QIMRA_ISA=\"") + requested + "\" is not an instruction set (accepted: " +
-                      accepted_names() + "); using " + isa_name(best)};
+    return {best, std::string("QIMRA_ISA=\"") + requested +
+                      "\" is not an instruction set (accepted: " + accepted_names() + "); using " + isa_name(best)};
 }
 
 const IsaChoice& isa_choice() {

@@ -51,7 +51,8 @@ protected:
                                 " enhance in.yuv --size 1280x720 -o out.yuv --quiet --verbose --mode " +
                                 std::to_string(mode) + " 2> err.txt";
         const int status = std::system(cmd.c_str());
-        ToolRun r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(dir_ / "err.txt"), read_file(dir_ / "out.yuv")};
+        ToolRun r{WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_file(dir_ / "err.txt"),
+                  read_file(dir_ / "out.yuv")};
         fs::remove(dir_ / "out.yuv");
         return r;
     }
