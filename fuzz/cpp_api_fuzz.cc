@@ -13,34 +13,17 @@
 // on an engine of the same kind (fresh, without the frames before it).
 #include <qimra/qimra.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
 #include <vector>
 
+#include "bytes.h"
+
 namespace {
 
-class Bytes {
-public:
-    Bytes(const uint8_t* d, size_t n) : d_(d), n_(n) {}
-    uint8_t u8() { return n_ ? (--n_, *d_++) : 0; }
-    void fill(uint8_t* p, size_t n) {
-        // Frame content: the remaining input, repeated (a ramp when none).
-        if (n_ == 0) {
-            for (size_t i = 0; i < n; ++i) p[i] = static_cast<uint8_t>(i * 31);
-            return;
-        }
-        for (size_t done = 0; done < n;) {
-            const size_t k = std::min(n - done, n_);
-            std::memcpy(p + done, d_, k);
-            done += k;
-        }
-    }
-
-private:
-    const uint8_t* d_;
-    size_t n_;
-};
+using qimra::fuzz::Bytes;
 
 struct Planes {
     std::vector<std::vector<uint8_t>> store;
