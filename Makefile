@@ -96,9 +96,11 @@ soak: build media
 
 # make fuzz: every libFuzzer target for FUZZ_SECONDS (default 60) each, with
 # the address and undefined-behaviour sanitizers (clang; see fuzz/).
+# FUZZ_TARGETS="cpp_api gst_element" picks targets; FUZZ_RUNS=N stops each
+# after N inputs. Long campaigns: run under nice, one target at a time.
 FUZZ_SECONDS ?= 60
 fuzz: setup media
-	@FUZZ_SECONDS=$(FUZZ_SECONDS) JOBS=$(JOBS) scripts/fuzz
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_TARGETS="$(FUZZ_TARGETS)" FUZZ_RUNS=$(FUZZ_RUNS) JOBS=$(JOBS) scripts/fuzz
 
 # make mutate: plants each single-line fault of scripts/mutations.txt into a
 # scratch copy (out/mutate/tree), rebuilds the host preset and runs the suite

@@ -8,22 +8,11 @@
 #include <cstring>
 #include <vector>
 
+#include "bytes.h"
+
 namespace {
 
-class Bytes {
-public:
-    Bytes(const uint8_t* d, size_t n) : d_(d), n_(n) {}
-    uint8_t u8() { return n_ ? (--n_, *d_++) : 0; }
-    std::vector<uint8_t> buf(size_t n) {
-        std::vector<uint8_t> v(n);
-        for (size_t i = 0; i < n; ++i) v[i] = n_ ? d_[i % n_] : static_cast<uint8_t>(i);
-        return v;
-    }
-
-private:
-    const uint8_t* d_;
-    size_t n_;
-};
+using qimra::fuzz::Bytes;
 
 size_t extent(int stride, int rows, int row_bytes) {
     return static_cast<size_t>(stride) * static_cast<size_t>(rows - 1) + static_cast<size_t>(row_bytes);
