@@ -267,13 +267,13 @@ private:
 // Per-size data, for one size at a time (the rings are large).
 
 struct StageData {
-    std::vector<uint8_t> quarter;    // analysis image, w/4 x h/4 (+16 readable)
+    std::vector<uint8_t> quarter;  // analysis image, w/4 x h/4 (+16 readable)
     std::vector<uint8_t> quarter_out;
     std::vector<uint32_t> ii_sum, ii_sqsum;
     std::vector<float> gf_a, gf_b;
-    std::vector<uint8_t> half;       // half-size base, w/2 x h/2
+    std::vector<uint8_t> half;  // half-size base, w/2 x h/2
     std::vector<uint8_t> luma_out;
-    std::vector<uint8_t> gain;       // one byte per 2 x 2 block
+    std::vector<uint8_t> gain;  // one byte per 2 x 2 block
     std::vector<uint8_t> chroma_out;
 };
 
@@ -324,7 +324,8 @@ StageData& SizeData::stages() {
     for (int32_t r = 0; r < hh; ++r)
         for (int32_t c = 0; c < hw; ++c) {
             const size_t p = static_cast<size_t>(2 * r) * s.w + 2 * c;
-            d.half[static_cast<size_t>(r) * hw + c] = static_cast<uint8_t>((y[p] + y[p + 1] + y[p + s.w] + y[p + s.w + 1]) / 4);
+            d.half[static_cast<size_t>(r) * hw + c] =
+                static_cast<uint8_t>((y[p] + y[p + 1] + y[p + s.w] + y[p + s.w + 1]) / 4);
         }
     const size_t table = static_cast<size_t>(qw + 17) * (qh + 17);
     d.ii_sum.assign(table, 0);
@@ -360,7 +361,9 @@ qimra_ctx* engine_with_tables(FrameSize s) {
 }
 
 using Clock = std::chrono::steady_clock;
-double seconds_between(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
+double seconds_between(Clock::time_point a, Clock::time_point b) {
+    return std::chrono::duration<double>(b - a).count();
+}
 
 // ---------------------------------------------------------------------------
 // Whole frames and the copy
@@ -690,7 +693,8 @@ void register_benchmarks() {
         for (const int32_t mode : {0, 2})
             for (const auto& [format, fname] : {std::pair{0, "I420"}, std::pair{2, "NV12"}})
                 for (const bool in_place : {true, false})
-                    add(full_name(std::string("process/mode") + std::to_string(mode) + "/" + fname +
+                    add(
+                        full_name(std::string("process/mode") + std::to_string(mode) + "/" + fname +
                                       (in_place ? "/in_place" : "/to_buffer"),
                                   s),
                         [s, format = format, in_place, mode](benchmark::State& st) {
@@ -762,7 +766,8 @@ public:
                     std::snprintf(line, sizeof line, "%12s", "-");
                 } else {
                     any = true;
-                    std::snprintf(line, sizeof line, ratio ? "%11.2fx" : "%12.3f", ratio ? it->second.ratio : it->second.ms);
+                    std::snprintf(line, sizeof line, ratio ? "%11.2fx" : "%12.3f",
+                                  ratio ? it->second.ratio : it->second.ms);
                 }
                 text += line;
             }

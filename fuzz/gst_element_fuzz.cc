@@ -112,8 +112,8 @@ void free_block(gpointer p) { g_free(p); }
 GstMemory* exact_memory(Bytes& b, size_t n, bool readonly) {
     auto* p = static_cast<uint8_t*>(g_malloc(n ? n : 1));
     b.fill(p, n);
-    return gst_memory_new_wrapped(readonly ? GST_MEMORY_FLAG_READONLY : static_cast<GstMemoryFlags>(0), p, n ? n : 1,
-                                  0, n, p, free_block);
+    return gst_memory_new_wrapped(readonly ? GST_MEMORY_FLAG_READONLY : static_cast<GstMemoryFlags>(0), p, n ? n : 1, 0,
+                                  n, p, free_block);
 }
 
 // A buffer for the caps last set: its length the frame's, a little short or

@@ -59,8 +59,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int s = w + 2 * px + b.u8() % 8;
             std::vector<uint8_t> buf = b.buf(static_cast<size_t>(s) * (h + 2 * py));
             uint8_t* img = buf.data() + static_cast<size_t>(py) * s + px;
-            if (which == 4) pad_with_replication(img, w, h, px, py, s);
-            else if (px < w && py < h) pad_with_reflection(img, w, h, px, py, s);  // reflection needs the pixels it mirrors
+            if (which == 4)
+                pad_with_replication(img, w, h, px, py, s);
+            else if (px < w && py < h)
+                pad_with_reflection(img, w, h, px, py, s);  // reflection needs the pixels it mirrors
             break;
         }
         case 6:
@@ -69,8 +71,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             std::vector<uint8_t> src = b.buf(extent(stride, h, w));
             const int ds = w / 2 + b.u8() % 8;
             std::vector<uint8_t> dst(extent(ds, h / 2, w / 2)), work(static_cast<size_t>(w / 2) * h);
-            if (which == 6) downscale_by_2_gaussian(src.data(), dst.data(), work.data(), w, h, stride, ds);
-            else downscale_by_2_lanczos(src.data(), dst.data(), work.data(), w, h, stride, ds);
+            if (which == 6)
+                downscale_by_2_gaussian(src.data(), dst.data(), work.data(), w, h, stride, ds);
+            else
+                downscale_by_2_lanczos(src.data(), dst.data(), work.data(), w, h, stride, ds);
             break;
         }
         case 8: {  // Lanczos with a 4-pixel border read on both ends of each row
@@ -78,8 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int s = w + 8 + extra;
             std::vector<uint8_t> src = b.buf(extent(s, h, w + 8));
             const int ds = w / 2;
-            std::vector<uint8_t> dst(extent(ds, h / 2, w / 2)),
-                work(static_cast<size_t>(w / 2 + 16) * (h + 16));
+            std::vector<uint8_t> dst(extent(ds, h / 2, w / 2)), work(static_cast<size_t>(w / 2 + 16) * (h + 16));
             downscale_by_2_lanczos_w_pad(src.data() + 4, dst.data(), work.data(), w, h, s, ds);
             break;
         }

@@ -99,8 +99,7 @@ void report_engine_error(GstQimraEnhance* self, const qimra::Error& e) {
                            "qimra runs one engine per process, so run one qimraenhance at a time"),
                           ("%s", e.what()));
     else
-        GST_ELEMENT_ERROR(self, RESOURCE, FAILED, ("could not create the qimra engine: %s", e.what()),
-                          (nullptr));
+        GST_ELEMENT_ERROR(self, RESOURCE, FAILED, ("could not create the qimra engine: %s", e.what()), (nullptr));
 }
 
 // Makes the engine `key` describes, unless it runs already. The old engine
@@ -193,20 +192,19 @@ qimra::FrameView view_of(GstVideoFrame* frame) {
 GstStructure* report_structure(GstQimraEnhance* self, GstBuffer* buffer, const qimra::FrameReport& r) {
     const GstSegment& segment = GST_BASE_TRANSFORM(self)->segment;
     const GstClockTime ts = GST_BUFFER_PTS(buffer);
-    return gst_structure_new("qimra",                                                              //
-                             "frame", G_TYPE_UINT64, static_cast<guint64>(r.frame),                 //
-                             "timestamp", G_TYPE_UINT64, ts,                                        //
-                             "stream-time", G_TYPE_UINT64,
-                             gst_segment_to_stream_time(&segment, GST_FORMAT_TIME, ts),  //
-                             "running-time", G_TYPE_UINT64,
-                             gst_segment_to_running_time(&segment, GST_FORMAT_TIME, ts),  //
-                             "duration", G_TYPE_UINT64, GST_BUFFER_DURATION(buffer),     //
-                             "decision", G_TYPE_BOOLEAN, r.decision ? TRUE : FALSE,      //
-                             "enhanced", G_TYPE_BOOLEAN, r.enhanced ? TRUE : FALSE,      //
-                             "mid", G_TYPE_INT, r.mid,                                   //
-                             "gamma", G_TYPE_DOUBLE, static_cast<double>(r.gamma),       //
-                             "top-level", G_TYPE_INT, r.top_level,                       //
-                             "chroma-sigma", G_TYPE_DOUBLE, static_cast<double>(r.chroma_sigma), nullptr);
+    return gst_structure_new(
+        "qimra",                                                                                    //
+        "frame", G_TYPE_UINT64, static_cast<guint64>(r.frame),                                      //
+        "timestamp", G_TYPE_UINT64, ts,                                                             //
+        "stream-time", G_TYPE_UINT64, gst_segment_to_stream_time(&segment, GST_FORMAT_TIME, ts),    //
+        "running-time", G_TYPE_UINT64, gst_segment_to_running_time(&segment, GST_FORMAT_TIME, ts),  //
+        "duration", G_TYPE_UINT64, GST_BUFFER_DURATION(buffer),                                     //
+        "decision", G_TYPE_BOOLEAN, r.decision ? TRUE : FALSE,                                      //
+        "enhanced", G_TYPE_BOOLEAN, r.enhanced ? TRUE : FALSE,                                      //
+        "mid", G_TYPE_INT, r.mid,                                                                   //
+        "gamma", G_TYPE_DOUBLE, static_cast<double>(r.gamma),                                       //
+        "top-level", G_TYPE_INT, r.top_level,                                                       //
+        "chroma-sigma", G_TYPE_DOUBLE, static_cast<double>(r.chroma_sigma), nullptr);
 }
 
 GstFlowReturn qimra_transform_frame_ip(GstVideoFilter* filter, GstVideoFrame* frame) {
@@ -305,8 +303,8 @@ static void gst_qimra_enhance_class_init(GstQimraEnhanceClass* klass) {
     const auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_PLAYING);
     g_object_class_install_property(
         gobject_class, PROP_MODE,
-        g_param_spec_enum("mode", "Mode", "How frames are treated: fixed, mark or adaptive", GST_TYPE_QIMRA_ENHANCE_MODE,
-                          static_cast<gint>(kDefaultMode), flags));
+        g_param_spec_enum("mode", "Mode", "How frames are treated: fixed, mark or adaptive",
+                          GST_TYPE_QIMRA_ENHANCE_MODE, static_cast<gint>(kDefaultMode), flags));
     g_object_class_install_property(
         gobject_class, PROP_GAMMA,
         g_param_spec_float("gamma", "Gamma",

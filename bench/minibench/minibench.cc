@@ -127,9 +127,7 @@ void print_usage(const char* program) {
         program);
 }
 
-double now_real() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
+double now_real() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 // The calling thread's CPU time, as Google Benchmark reports it for
 // single-threaded benchmarks (a worker thread's time is not included).
@@ -494,7 +492,7 @@ std::string host_name() {
 int count_cpus_in_mask(const std::string& mask) {
     int n = 0;
     for (const char c : mask) {
-        const int digit = std::isdigit(static_cast<unsigned char>(c)) ? c - '0'
+        const int digit = std::isdigit(static_cast<unsigned char>(c))    ? c - '0'
                           : std::isxdigit(static_cast<unsigned char>(c)) ? std::tolower(c) - 'a' + 10
                                                                          : 0;
         n += __builtin_popcount(static_cast<unsigned>(digit));
@@ -803,8 +801,8 @@ size_t RunSpecifiedBenchmarks(BenchmarkReporter* display_reporter) {
         if (f.format == "json")
             default_display = std::make_unique<JSONReporter>();
         else
-            default_display = std::make_unique<ConsoleReporter>(
-                isatty(STDOUT_FILENO) ? ConsoleReporter::OO_ColorTabular : ConsoleReporter::OO_Tabular);
+            default_display = std::make_unique<ConsoleReporter>(isatty(STDOUT_FILENO) ? ConsoleReporter::OO_ColorTabular
+                                                                                      : ConsoleReporter::OO_Tabular);
         display_reporter = default_display.get();
     }
     if (f.list_tests) {

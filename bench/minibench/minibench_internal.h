@@ -12,7 +12,7 @@ namespace benchmark::minibench {
 struct Flags {
     std::string filter = ".";
     int64_t repetitions = 1;
-    double min_time = 0.5;             // seconds per measured run
+    double min_time = 0.5;                // seconds per measured run
     IterationCount fixed_iterations = 0;  // --benchmark_min_time=<N>x
     bool report_aggregates_only = false;
     bool display_aggregates_only = false;

@@ -217,9 +217,13 @@ protected:
 };
 
 TEST_F(BenchMiniFlags, InitializeTakesOutItsOwnAndLeavesTheRest) {
-    std::vector<std::string> words = {"prog", "--benchmark_min_time=0.2s", "--media-dir=/data/local/tmp",
-                                      "--benchmark_repetitions=5", "--benchmark_report_aggregates_only=true",
-                                      "--benchmark_filterx=copy", "--benchmark_out=report.json"};
+    std::vector<std::string> words = {"prog",
+                                      "--benchmark_min_time=0.2s",
+                                      "--media-dir=/data/local/tmp",
+                                      "--benchmark_repetitions=5",
+                                      "--benchmark_report_aggregates_only=true",
+                                      "--benchmark_filterx=copy",
+                                      "--benchmark_out=report.json"};
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);
@@ -291,13 +295,16 @@ protected:
 // receives the iteration count of each call.
 void add_manual(const char* name, std::vector<double> times, std::vector<int64_t>* counts = nullptr) {
     auto call = std::make_shared<size_t>(0);
-    benchmark::RegisterBenchmark(name, [times, counts, call](benchmark::State& state) {
-        const double t = times[std::min((*call)++, times.size() - 1)];
-        for (auto _ : state) state.SetIterationTime(t);
-        if (counts) counts->push_back(state.iterations());
-        state.counters["x_copy"] = t * 1000.0;
-        state.SetBytesProcessed(state.iterations() * 1000);
-    })->Unit(benchmark::kMillisecond)->UseManualTime();
+    benchmark::RegisterBenchmark(name,
+                                 [times, counts, call](benchmark::State& state) {
+                                     const double t = times[std::min((*call)++, times.size() - 1)];
+                                     for (auto _ : state) state.SetIterationTime(t);
+                                     if (counts) counts->push_back(state.iterations());
+                                     state.counters["x_copy"] = t * 1000.0;
+                                     state.SetBytesProcessed(state.iterations() * 1000);
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime();
 }
 
 TEST_F(BenchMiniRun, GrowsTheIterationCountUntilARunLastsMinTime) {
@@ -469,9 +476,12 @@ TEST(BenchMiniFormat, JsonEscapesAndCounterPrefixes) {
 
 TEST_F(BenchMiniRun, ConsoleRowsLineUpUnderTheirHeader) {
     add_manual("copy/1280x720", {0.001, 0.001, 0.003});
-    benchmark::RegisterBenchmark("stage/gamma_table", [](benchmark::State& state) {
-        for (auto _ : state) state.SetIterationTime(0.001);
-    })->Unit(benchmark::kMillisecond)->UseManualTime();
+    benchmark::RegisterBenchmark("stage/gamma_table",
+                                 [](benchmark::State& state) {
+                                     for (auto _ : state) state.SetIterationTime(0.001);
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->UseManualTime();
     mb::flags().min_time = 0.01;
     mb::flags().repetitions = 2;
     benchmark::ConsoleReporter console(benchmark::ConsoleReporter::OO_Tabular);

@@ -54,8 +54,8 @@ void silenced(Fn&& fn) {
 
 std::vector<uint8_t> load_frame(int w, int h) {
     std::vector<uint8_t> f(static_cast<size_t>(w) * h * 3 / 2, 60);
-    const std::string path = std::string(QIMRA_BENCH_MEDIA_DIR) + "/yuv/path_" + std::to_string(w) + "x" +
-                             std::to_string(h) + ".yuv";
+    const std::string path =
+        std::string(QIMRA_BENCH_MEDIA_DIR) + "/yuv/path_" + std::to_string(w) + "x" + std::to_string(h) + ".yuv";
     std::ifstream in(path, std::ios::binary);
     if (!in.read(reinterpret_cast<char*>(f.data()), static_cast<std::streamsize>(f.size())))
         fprintf(stderr, "note: %s missing (make media); timing a flat grey frame\n", path.c_str());
@@ -77,8 +77,8 @@ struct Result {
 GstHarness* element_harness(int w, int h, int mode) {
     GstHarness* harness = gst_harness_new("qimraenhance");
     gst_util_set_object_arg(G_OBJECT(harness->element), "mode", mode == 0 ? "fixed" : "adaptive");
-    const std::string caps = "video/x-raw,format=I420,width=" + std::to_string(w) + ",height=" + std::to_string(h) +
-                             ",framerate=30/1";
+    const std::string caps =
+        "video/x-raw,format=I420,width=" + std::to_string(w) + ",height=" + std::to_string(h) + ",framerate=30/1";
     gst_harness_set_src_caps_str(harness, caps.c_str());
     return harness;
 }
@@ -143,8 +143,10 @@ int main(int argc, char** argv) {
     int rounds = 20, per_round = 10;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string a = argv[i];
-        if (a == "--rounds") rounds = std::max(1, atoi(argv[i + 1]));
-        else if (a == "--frames-per-round") per_round = std::max(1, atoi(argv[i + 1]));
+        if (a == "--rounds")
+            rounds = std::max(1, atoi(argv[i + 1]));
+        else if (a == "--frames-per-round")
+            per_round = std::max(1, atoi(argv[i + 1]));
     }
     gst_init(&argc, &argv);
     gst_registry_scan_path(gst_registry_get(), QIMRA_GST_PLUGIN_DIR);

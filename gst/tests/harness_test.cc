@@ -119,8 +119,8 @@ GstBuffer* make_buffer(Bytes packed, int w, int h, ColourFormat f, Layout layout
         for (size_t p = 0; p < shapes.size(); ++p) {
             strides[p] = shapes[p].row_bytes + 96;
             offsets[p] = p == 0 ? 0 : offsets[p - 1] + static_cast<gsize>(strides[p - 1]) * shapes[p - 1].rows;
-            gst_buffer_append_memory(buf, gst_allocator_alloc(nullptr, static_cast<gsize>(strides[p]) * shapes[p].rows,
-                                                              nullptr));
+            gst_buffer_append_memory(
+                buf, gst_allocator_alloc(nullptr, static_cast<gsize>(strides[p]) * shapes[p].rows, nullptr));
         }
         gst_buffer_add_video_meta_full(buf, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_INFO_FORMAT(&info), w, h,
                                        static_cast<guint>(shapes.size()), offsets, strides);
@@ -262,8 +262,9 @@ void run_and_check(const std::vector<Step>& steps) {
 // in its own memory at a wide stride, described by a video meta.
 TEST(QimraEnhanceHarness, EveryFormatAndLayoutMatchesTheEngine) {
     for (const Format& f : kFormats)
-        for (auto [w, h, layout] : {std::tuple{1280, 720, Layout::video_info}, std::tuple{1366, 768, Layout::video_info},
-                                    std::tuple{640, 480, Layout::strided_meta}}) {
+        for (auto [w, h, layout] :
+             {std::tuple{1280, 720, Layout::video_info}, std::tuple{1366, 768, Layout::video_info},
+              std::tuple{640, 480, Layout::strided_meta}}) {
             SCOPED_TRACE(std::string(f.caps) + " " + std::to_string(w) + "x" + std::to_string(h));
             run_and_check({{w, h, f.qimra, Mode::adaptive, 0.5f, false, true, 3, layout}});
         }
@@ -276,11 +277,11 @@ TEST(QimraEnhanceHarness, RenegotiationAndPropertyChangesWhilePlaying) {
     constexpr auto i420 = ColourFormat::i420, nv12 = ColourFormat::nv12;
     run_and_check({
         {640, 480, i420, Mode::adaptive, 0.5f, false, true, 3},
-        {1280, 720, nv12, Mode::adaptive, 0.5f, false, true, 2},   // renegotiated: a new engine
-        {1280, 720, nv12, Mode::fixed, 0.8f, false, false, 2},     // mode and gamma, no messages
-        {1280, 720, nv12, Mode::fixed, 0.8f, true, true, 2},       // bypass: untouched, no report
-        {1280, 720, nv12, Mode::fixed, 0.8f, false, true, 1},      // the same engine carries on
-        {640, 480, i420, Mode::mark, 0.8f, false, true, 2},        // back to the first caps, marked
+        {1280, 720, nv12, Mode::adaptive, 0.5f, false, true, 2},  // renegotiated: a new engine
+        {1280, 720, nv12, Mode::fixed, 0.8f, false, false, 2},    // mode and gamma, no messages
+        {1280, 720, nv12, Mode::fixed, 0.8f, true, true, 2},      // bypass: untouched, no report
+        {1280, 720, nv12, Mode::fixed, 0.8f, false, true, 1},     // the same engine carries on
+        {640, 480, i420, Mode::mark, 0.8f, false, true, 2},       // back to the first caps, marked
     });
 }
 

@@ -85,8 +85,7 @@ struct BasicFrame {
     BasicFrame(BasicPlane<T> y_, BasicPlane<T> c1_, BasicPlane<T> c2_ = {}) : y(y_), c1(c1_), c2(c2_) {}
     // A writable frame can be passed where a read-only one is wanted.
     template <class U>
-        requires(std::is_const_v<T> && std::is_same_v<std::remove_const_t<T>, U>)
-    BasicFrame(const BasicFrame<U>& f)
+    requires(std::is_const_v<T>&& std::is_same_v<std::remove_const_t<T>, U>) BasicFrame(const BasicFrame<U>& f)
         : y{f.y.data, f.y.stride}, c1{f.c1.data, f.c1.stride}, c2{f.c2.data, f.c2.stride} {}
 };
 
@@ -110,8 +109,8 @@ inline void check_dimension(const char* what, long long v) {
                     " is not positive; frames need a width and height of at least 2");
     if (v % 2 != 0)
         throw Error(std::string("qimra: ") + what + " " + std::to_string(v) +
-                    " is odd; 4:2:0 frames need an even width and height (e.g. " + std::to_string(v - 1) +
-                    " or " + std::to_string(v + 1) + ")");
+                    " is odd; 4:2:0 frames need an even width and height (e.g. " + std::to_string(v - 1) + " or " +
+                    std::to_string(v + 1) + ")");
     if (v > kMaxDimension)
         throw Error(std::string("qimra: ") + what + " " + std::to_string(v) + " is too large; at most " +
                     std::to_string(kMaxDimension) + " is accepted");
@@ -217,12 +216,12 @@ BasicFrame<T> packed_frame(std::span<T> buffer, int width, int height, ColourFor
 
 // What the engine did with one frame.
 struct FrameReport {
-    int frame = -1;           // index of the frame, counted from 0
-    bool decision = false;    // the scene was judged worth enhancing
-    bool enhanced = false;    // the frame was enhanced (never in Mode::mark)
-    int mid = 0;              // normalisation point of the tone curve (the strength)
-    float gamma = 0.0f;       // exponent of the tone curve
-    int top_level = 0;        // the decision's top output level, 230-255
+    int frame = -1;             // index of the frame, counted from 0
+    bool decision = false;      // the scene was judged worth enhancing
+    bool enhanced = false;      // the frame was enhanced (never in Mode::mark)
+    int mid = 0;                // normalisation point of the tone curve (the strength)
+    float gamma = 0.0f;         // exponent of the tone curve
+    int top_level = 0;          // the decision's top output level, 230-255
     float chroma_sigma = 0.0f;  // width of the chroma gain curve
     std::array<uint8_t, 256> tone_curve{};
 };
@@ -318,8 +317,7 @@ public:
                 }
             }
             stage_in(in);
-            qimra_process(ctx_, staging_.data(), core_width_, core_height_, staging_.data(), core_width_,
-                          core_height_);
+            qimra_process(ctx_, staging_.data(), core_width_, core_height_, staging_.data(), core_width_, core_height_);
             stage_out(out);
         }
         qimra_frame_report r;
@@ -388,8 +386,8 @@ private:
             for (int i = 0; i < planes; ++i) {
                 const bool same = i == o && ins[i].begin == outs[o].begin && in_strides[i] == out_strides[o];
                 if (!same && detail::overlap(ins[i], outs[o]))
-                    throw Error(std::string("qimra: the output ") + names[o] + " plane overlaps the input " +
-                                names[i] + " plane; pass the very same planes to enhance in place, or "
+                    throw Error(std::string("qimra: the output ") + names[o] + " plane overlaps the input " + names[i] +
+                                " plane; pass the very same planes to enhance in place, or "
                                 "separate buffers");
             }
         }
@@ -424,8 +422,8 @@ private:
             return f.c2.stride == width_ / 2 && detail::begin_of(f.c2) == detail::begin_of(f.c1) + luma / 4;
         };
         if (!packed(in) || !packed(out)) return false;
-        const bool slack_behind_luma = detail::begin_of(in.c1) == detail::begin_of(in.y) + luma ||
-                                       in.y.data.size() >= luma + 4;
+        const bool slack_behind_luma =
+            detail::begin_of(in.c1) == detail::begin_of(in.y) + luma || in.y.data.size() >= luma + 4;
         if (!slack_behind_luma) return false;
         if (mode_ == Mode::mark && detail::begin_of(out.c1) != detail::begin_of(out.y) + luma) return false;
         return true;

@@ -150,8 +150,8 @@ private:
         const std::string what = std::string("the ") + role + " frame";
         const int rows = h_ * 3 / 2;
         const auto packed_bytes = static_cast<py::ssize_t>(qimra::frame_bytes(w_, h_));
-        const bool shape_ok = (a.ndim() == 1 && a.shape(0) == packed_bytes) ||
-                              (a.ndim() == 2 && a.shape(0) == rows && a.shape(1) == w_);
+        const bool shape_ok =
+            (a.ndim() == 1 && a.shape(0) == packed_bytes) || (a.ndim() == 2 && a.shape(0) == rows && a.shape(1) == w_);
         if (!shape_ok)
             throw Error("qimra: " + what + " has shape " + shape_text(a) + "; a " + std::to_string(w_) + "x" +
                         std::to_string(h_) + " " + qimra::format_name(format_) + " frame has shape (" +
@@ -162,8 +162,11 @@ private:
         const qimra::Plane all = plane(a, rows, w_, what);
         if (all.stride == w_) return qimra::packed_frame(all.data, w_, h_, format_);
         if (planar())
-            throw Error("qimra: " + what + " has strides " + strides_text(a) + "; a planar frame in one array "
-                        "must be packed (rows " + std::to_string(w_) + " bytes apart), since its chroma rows "
+            throw Error("qimra: " + what + " has strides " + strides_text(a) +
+                        "; a planar frame in one array "
+                        "must be packed (rows " +
+                        std::to_string(w_) +
+                        " bytes apart), since its chroma rows "
                         "share array rows; pass a tuple of (y, u, v) planes for other strides");
         const auto luma = static_cast<size_t>(all.stride) * h_;
         return {{all.data.subspan(0, luma), all.stride}, {all.data.subspan(luma), all.stride}};

@@ -178,8 +178,8 @@ float region_weight(const feature_vect* regions) {
     float den = 0.0f;
     for (int r = 0; r < kRegionCount; ++r) {
         const float exponent = -regions[r].peak_mean / 40.0f;
-        num = static_cast<float>(static_cast<double>(num) + static_cast<double>(regions[r].peak_mass) *
-                                                                std::exp(static_cast<double>(exponent)));
+        num = static_cast<float>(static_cast<double>(num) +
+                                 static_cast<double>(regions[r].peak_mass) * std::exp(static_cast<double>(exponent)));
         den += regions[r].peak_mass;
     }
     return num / den;
@@ -231,9 +231,8 @@ extern "C" int blc_decide_quality(qimra_ctx* c, segment* /*seg*/) {
     sc.bright = g.band_bright;
     sc.light_dark = g.band_dark + g.band_bright;
     sc.mid_raw = sat_i32_from_float(100.0f + sc.light_dark * 44.0f);
-    sc.gamma_raw = verdict.shadow == 1
-                       ? static_cast<float>(static_cast<double>(1.0f - sc.light_dark) - 0.15)
-                       : (1.0f - sc.light_dark) - deep_dark_pct / 100.0f;
+    sc.gamma_raw = verdict.shadow == 1 ? static_cast<float>(static_cast<double>(1.0f - sc.light_dark) - 0.15)
+                                       : (1.0f - sc.light_dark) - deep_dark_pct / 100.0f;
     c->band_copy[0] = g.band_dark;
     c->band_copy[1] = g.band_mid_low;
     c->band_copy[2] = g.band_mid_high;
@@ -250,9 +249,8 @@ extern "C" int blc_decide_quality(qimra_ctx* c, segment* /*seg*/) {
     const bool build = pass_hysteresis(c, apply, apply_prev);
     // Mode 1 only shows the decision: a frame that would build a curve
     // relaxes instead and reports 1.
-    const int32_t result = build && c->adaptive_mode != 1
-                               ? enact_new_curve(c, cur, new_curve(c, sc, prev, apply_prev))
-                               : relax(c, cur, prev, apply);
+    const int32_t result = build && c->adaptive_mode != 1 ? enact_new_curve(c, cur, new_curve(c, sc, prev, apply_prev))
+                                                          : relax(c, cur, prev, apply);
 
     c->chroma_sigma = std::min(2.5f + 3.0f * sc.light_dark, 5.5f);
 

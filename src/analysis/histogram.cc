@@ -41,8 +41,8 @@ void count_histogram(uint32_t* bins, const uint8_t* src, int stride, int width, 
 
 using qimra::count_histogram;
 
-extern "C" void blc_gen_hist(const uint8_t* src, int width, int height, int stride, qimra_ctx* c,
-                             int /*step*/, int skip) {
+extern "C" void blc_gen_hist(const uint8_t* src, int width, int height, int stride, qimra_ctx* c, int /*step*/,
+                             int skip) {
     memset(c->global_hist, 0, sizeof c->global_hist);
     if (skip != 0) return;
     count_histogram(c->global_hist, src, stride, width, height);

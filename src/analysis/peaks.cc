@@ -30,8 +30,7 @@ bool is_peak(const SmoothedHist& s, int i, int32_t threshold) {
 // Walks from `from` by `step` through `last`: stops at the first count below
 // `level` (storing its index in *bound), or fails at the first count above
 // `height`. Running off the end leaves *bound as it was.
-bool walk_to_level(const SmoothedHist& s, int from, int step, int last, int32_t height, int32_t level,
-                   int32_t* bound) {
+bool walk_to_level(const SmoothedHist& s, int from, int step, int last, int32_t height, int32_t level, int32_t* bound) {
     for (int i = from; step < 0 ? i >= last : i <= last; i += step) {
         if (s[i] > height) return false;
         if (s[i] < level) {
@@ -170,8 +169,8 @@ void shape_measures(const peak_descr* peaks, const int* order, int n, float inv,
 
     out->bimodality = 0.0f;
     if (second != nullptr) {
-        const double ratio = static_cast<double>(static_cast<float>(second->height) /
-                                                 static_cast<float>(first->height));
+        const double ratio =
+            static_cast<double>(static_cast<float>(second->height) / static_cast<float>(first->height));
         const double distance = std::abs(first->pos - second->pos) / 4.0;
         out->bimodality = static_cast<float>(std::sqrt(ratio) * std::pow(distance, 0.5) * 0.5);
     }

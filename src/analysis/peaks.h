@@ -28,7 +28,7 @@ constexpr int kRegionCount = 12;
 constexpr int kRegionScratchRecords = kRegionCount + kMaxPeaks;
 
 // Bands of the luma range shared by the features and the decision.
-constexpr int kDarkEnd = 72;      // bins 0..71 are dark
+constexpr int kDarkEnd = 72;  // bins 0..71 are dark
 constexpr int kMidHighFirst = 128;
 constexpr int kBrightFirst = 160;  // bins 160..255 are bright
 constexpr int kDeepDarkEnd = 32;   // bins 0..31 are deep dark

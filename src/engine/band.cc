@@ -34,9 +34,8 @@ void band_filter(qimra_job* job) {
     uint8_t* source = job->gf_src + rows.filter_first * stride;
 
     blc_gen_ii_pad(source, stride, stride + 1, width, rows.filter_rows, job->ii_sum, job->ii_sqsum);
-    blc_self_guided_filter_1pass(source, stride, job->ii_sum, job->ii_sqsum, job->gf_radius, job->gf_eps,
-                                 job->gf_out, width, rows.filter_rows, job->gf_b, job->gf_a, job->gf_aux_c,
-                                 job->gf_aux_d);
+    blc_self_guided_filter_1pass(source, stride, job->ii_sum, job->ii_sqsum, job->gf_radius, job->gf_eps, job->gf_out,
+                                 width, rows.filter_rows, job->gf_b, job->gf_a, job->gf_aux_c, job->gf_aux_d);
     if (!c->quarter_mode) return;
 
     // The quarter-size base of the band comes back up to half size.
@@ -62,8 +61,7 @@ void band_apply(qimra_job* job) {
     uint8_t* gain = c->gain_map + (s / 2) * (job->out_stride / 2);
 
     if (c->quarter_mode) {
-        blc_scale_y_2x2nn(in_y, job->in_stride, out_y, job->out_stride, job->base_full, gain, width,
-                          rows.luma_rows, c);
+        blc_scale_y_2x2nn(in_y, job->in_stride, out_y, job->out_stride, job->base_full, gain, width, rows.luma_rows, c);
     } else {
         const uint8_t* base = job->gf_out + rows.context_rows * width;
         blc_scale_y_fs(in_y, job->in_stride, out_y, job->out_stride, base, gain, width, rows.luma_rows, c);

@@ -88,8 +88,8 @@ void prepare_colour_lut_vector_tables(const ColourLutInputs& in, ColourLutVector
 }
 
 void build_colour_lut_rows(const ColourLutInputs& in, int32_t first, int32_t last, uint16_t* lut) {
-    using VectorRow = void (*)(const ColourLutInputs&, const ColourLutVectorTables&, int32_t, uint16_t*, int32_t,
-                               int32_t);
+    using VectorRow =
+        void (*)(const ColourLutInputs&, const ColourLutVectorTables&, int32_t, uint16_t*, int32_t, int32_t);
     static const VectorRow vector_row = select_form<VectorRow>(
         {.neon = QIMRA_NEON_FORM(colour_lut_row_neon), .avx2 = QIMRA_X86_FORM(colour_lut_row_avx2)});
     if (vector_row == nullptr) {
@@ -99,7 +99,8 @@ void build_colour_lut_rows(const ColourLutInputs& in, int32_t first, int32_t las
     }
     ColourLutVectorTables v;
     prepare_colour_lut_vector_tables(in, &v);
-    for (int32_t i = first; i <= last; ++i) vector_row(in, v, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
+    for (int32_t i = first; i <= last; ++i)
+        vector_row(in, v, i, lut + i * kColourLutRowEntries, 0, kColourLutRowEntries);
 }
 
 }  // namespace qimra

@@ -32,13 +32,14 @@ struct RowConstants {
 
 }  // namespace
 
-QIMRA_AVX2 void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i,
-                                    uint16_t* row, int32_t l_begin, int32_t l_end) {
+QIMRA_AVX2 void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVectorTables& v, int32_t i, uint16_t* row,
+                                    int32_t l_begin, int32_t l_end) {
     const RowConstants rc{_mm256_set1_ps(static_cast<float>(in.gamma_lut[i])), _mm256_set1_ps(in.sig50p1_f[i]),
                           _mm256_set1_epi32(in.recip[i]), _mm256_set1_epi32(i >= 16 ? i - 16 : 0)};
     const float* weight = v.weight[i & 1] + 128 - (i >> 1);
     // i - j for the eight entries of a step; j advances by 16 per step.
-    __m256i i_minus_j = _mm256_sub_epi32(_mm256_set1_epi32(i - 2 * l_begin), _mm256_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14));
+    __m256i i_minus_j =
+        _mm256_sub_epi32(_mm256_set1_epi32(i - 2 * l_begin), _mm256_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14));
     const __m256i sixteen = _mm256_set1_epi32(16);
     const __m256 one = _mm256_set1_ps(1.0f);
     for (int32_t l = l_begin; l < l_end; l += 8) {
@@ -61,10 +62,10 @@ QIMRA_AVX2 void colour_lut_row_avx2(const ColourLutInputs& in, const ColourLutVe
         alignas(32) int32_t index[8];
         _mm256_store_si256(reinterpret_cast<__m256i*>(index), k);
         const __m256i gain = _mm256_slli_epi32(
-            _mm256_and_si256(_mm256_setr_epi32(in.gain[index[0]], in.gain[index[1]], in.gain[index[2]],
-                                               in.gain[index[3]], in.gain[index[4]], in.gain[index[5]],
-                                               in.gain[index[6]], in.gain[index[7]]),
-                             _mm256_set1_epi32(0xFF)),
+            _mm256_and_si256(
+                _mm256_setr_epi32(in.gain[index[0]], in.gain[index[1]], in.gain[index[2]], in.gain[index[3]],
+                                  in.gain[index[4]], in.gain[index[5]], in.gain[index[6]], in.gain[index[7]]),
+                _mm256_set1_epi32(0xFF)),
             8);
         // Entries below 65536: the unsigned pack keeps them as they are.
         const __m256i entries = _mm256_or_si256(luma, gain);

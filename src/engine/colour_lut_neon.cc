@@ -52,8 +52,7 @@ void colour_lut_row_neon(const ColourLutInputs& in, const ColourLutVectorTables&
     for (int32_t l = l_begin; l < l_end; l += 8) {
         const FourEntries lo = four_entries(rc, vld1q_f32(weight + l), vld1q_f32(v.gamma_even + l), i_minus_j);
         i_minus_j = vsubq_s32(i_minus_j, eight);
-        const FourEntries hi =
-            four_entries(rc, vld1q_f32(weight + l + 4), vld1q_f32(v.gamma_even + l + 4), i_minus_j);
+        const FourEntries hi = four_entries(rc, vld1q_f32(weight + l + 4), vld1q_f32(v.gamma_even + l + 4), i_minus_j);
         i_minus_j = vsubq_s32(i_minus_j, eight);
 
         // The gain curve has no vector gather: look the eight gains up one by one.
@@ -63,9 +62,9 @@ void colour_lut_row_neon(const ColourLutInputs& in, const ColourLutVectorTables&
         uint16_t gain[8];
         for (int n = 0; n < 8; ++n) gain[n] = static_cast<uint16_t>(static_cast<uint32_t>(in.gain[index[n]]) << 8);
 
-        const uint16x8_t luma = vandq_u16(vcombine_u16(vmovn_u32(vreinterpretq_u32_s32(lo.luma)),
-                                                       vmovn_u32(vreinterpretq_u32_s32(hi.luma))),
-                                          vdupq_n_u16(0xFF));
+        const uint16x8_t luma = vandq_u16(
+            vcombine_u16(vmovn_u32(vreinterpretq_u32_s32(lo.luma)), vmovn_u32(vreinterpretq_u32_s32(hi.luma))),
+            vdupq_n_u16(0xFF));
         vst1q_u16(row + l, vorrq_u16(luma, vld1q_u16(gain)));
     }
 }

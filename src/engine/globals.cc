@@ -15,6 +15,6 @@ int32_t core = 0;
 pthread_t thrd_hdl[2];
 int32_t rc;
 // Stage names for profiling builds; the library itself takes no timings.
-char g_module_name[10][256] = {"down-scale", "decision", "lut",        "integral", "guided",
+char g_module_name[10][256] = {"down-scale", "decision",  "lut",        "integral", "guided",
                                "upscale",    "y-enhance", "uv_enhance", "",         ""};
 }

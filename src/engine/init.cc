@@ -47,9 +47,8 @@ bool allocate_slot_buffers(ctx* c, int32_t aw, int32_t ah) {
         qimra_job& job = c->slot[core].job;
         const int32_t rows = slot_rows(ah, core);
         const int table_bytes = 4 * sw * rows;
-        if (!take(job.ii_sum, table_bytes) || !take(job.ii_sqsum, table_bytes) ||
-            !take(job.gf_b, table_bytes) || !take(job.gf_a, table_bytes) ||
-            !take(job.gf_out, sw * rows) || !take(job.base_full, c->width * c->height))
+        if (!take(job.ii_sum, table_bytes) || !take(job.ii_sqsum, table_bytes) || !take(job.gf_b, table_bytes) ||
+            !take(job.gf_a, table_bytes) || !take(job.gf_out, sw * rows) || !take(job.base_full, c->width * c->height))
             return false;
     }
     return true;
@@ -127,9 +126,9 @@ qimra_ctx* abandon_init(ctx* c, bool worker_running) {
 
 using namespace qimra;
 
-extern "C" qimra_ctx* qimra_init(int32_t width, int32_t height, float gamma, uint32_t param4,
-                                 int32_t /*arg5*/, int32_t /*arg6*/, int32_t /*arg7*/, int32_t /*arg8*/,
-                                 int32_t adaptive_mode, int32_t colour_format) {
+extern "C" qimra_ctx* qimra_init(int32_t width, int32_t height, float gamma, uint32_t param4, int32_t /*arg5*/,
+                                 int32_t /*arg6*/, int32_t /*arg7*/, int32_t /*arg8*/, int32_t adaptive_mode,
+                                 int32_t colour_format) {
     // Refused before anything is touched: the live engine's side inputs and
     // counters stay exactly as they are.
     bool free_slot = false;

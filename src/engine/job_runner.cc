@@ -52,24 +52,12 @@ void run_on_both_cores(ctx* c) {
 extern "C" void Integral_ContStretch_YUVScale(void* job_record) {
     auto* job = static_cast<qimra_job*>(job_record);
     switch (job->op) {
-        case kOpDownscale4:
-            ReSizeImage_downscale4_mc(job);
-            break;
-        case kOpDownscaleCount:
-            qimra::downscale_and_count(job);
-            break;
-        case kOpColourTable:
-            qimra_col_conv_create_lut_mc(job->ctx, job->core, 2);
-            break;
-        case kOpLocalFeatures:
-            blc_local_hist_features(job->ctx, job->seg, job->core, 2);
-            break;
-        case qimra::kOpBandFilter:
-            qimra::band_filter(job);
-            break;
-        case qimra::kOpBandApply:
-            qimra::band_apply(job);
-            break;
+        case kOpDownscale4: ReSizeImage_downscale4_mc(job); break;
+        case kOpDownscaleCount: qimra::downscale_and_count(job); break;
+        case kOpColourTable: qimra_col_conv_create_lut_mc(job->ctx, job->core, 2); break;
+        case kOpLocalFeatures: blc_local_hist_features(job->ctx, job->seg, job->core, 2); break;
+        case qimra::kOpBandFilter: qimra::band_filter(job); break;
+        case qimra::kOpBandApply: qimra::band_apply(job); break;
         default:
             qimra::band_filter(job);
             qimra::band_apply(job);

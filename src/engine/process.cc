@@ -210,11 +210,11 @@ void mark_decision(ctx* c, uint8_t* out_y, int decision) {
 
 using namespace qimra;
 
-extern "C" int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride, int32_t in_scanlines,
-                                 uint8_t* out_y, int32_t out_stride, int32_t out_scanlines) {
-    Frame f{in_y,  c->in_chroma != nullptr ? c->in_chroma : in_y + in_scanlines * in_stride,
-            in_stride, in_scanlines,
-            out_y, c->out_chroma != nullptr ? c->out_chroma : out_y + out_scanlines * out_stride,
+extern "C" int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride, int32_t in_scanlines, uint8_t* out_y,
+                                 int32_t out_stride, int32_t out_scanlines) {
+    Frame f{in_y,       c->in_chroma != nullptr ? c->in_chroma : in_y + in_scanlines * in_stride,
+            in_stride,  in_scanlines,
+            out_y,      c->out_chroma != nullptr ? c->out_chroma : out_y + out_scanlines * out_stride,
             out_stride, out_scanlines};
     segment full{in_y, f.in_uv, c->width, c->height, in_stride, in_scanlines};
     segment reduced{c->ds_luma, nullptr, c->width >> 2, c->height >> 2, c->width >> 2, c->height >> 2};
@@ -224,7 +224,8 @@ extern "C" int32_t qimra_process(qimra_ctx* c, uint8_t* in_y, int32_t in_stride,
     // one of the reduced image; mode 0 counts it while downscaling.
     const bool whole_from_regions = analysed == &reduced && c->adaptive_mode != 0;
     if (c->quarter_mode) downscale_for_analysis(c, in_y, in_stride, analysed == &reduced && !whole_from_regions);
-    if (analysed != &reduced) blc_gen_hist(analysed->luma, analysed->width, analysed->height, analysed->stride, c, 1, 0);
+    if (analysed != &reduced)
+        blc_gen_hist(analysed->luma, analysed->width, analysed->height, analysed->stride, c, 1, 0);
 
     int decision;
     if (c->adaptive_mode != 0) {

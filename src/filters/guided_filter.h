@@ -40,9 +40,8 @@ inline uint32_t window_sum(const uint32_t* top, ptrdiff_t below, int32_t side) {
 // Per-pixel form: columns [first_column, width) of every row, then the 4 zero
 // bytes after the image that the vector form's last group store leaves.
 // Source row y is read at src + y * width.
-void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
-                                int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
-                                int32_t first_column);
+void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum, int32_t radius,
+                                float eps, uint8_t* dst, int32_t width, int32_t height, int32_t first_column);
 
 // Vector form: the leading width / 4 groups of four pixels of every row; each
 // group store writes its four results and four zero bytes after them, which

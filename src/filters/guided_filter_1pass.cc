@@ -5,8 +5,8 @@
 #include "filters/guided_filter.h"
 #include "qimra/qimra.h"
 #include "simd/convert.h"
-#include "simd/ftz.h"
 #include "simd/dispatch.h"
+#include "simd/ftz.h"
 #include "simd/recpe.h"
 
 namespace qimra {
@@ -16,9 +16,8 @@ namespace qimra {
 // about 2^69 (a, a * mean and I * a turn denormal) and never change an output
 // byte there, but the per-pixel form mirrors the unit so that its values are
 // the vector form's on ARM.
-void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum,
-                                int32_t radius, float eps, uint8_t* dst, int32_t width, int32_t height,
-                                int32_t first_column) {
+void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, const uint32_t* ii_sqsum, int32_t radius,
+                                float eps, uint8_t* dst, int32_t width, int32_t height, int32_t first_column) {
     if (width <= 0 || height <= 0) return;
     const auto [side, table_stride, below] = window_geometry(width, radius);
     const float inv_n = 1.0f / static_cast<float>(side * side);
@@ -31,7 +30,8 @@ void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, cons
             const uint32_t s = window_sum(sum_row + x, below, side);
             const uint32_t q = window_sum(sq_row + x, below, side);
             const float mean = ftz_mul(static_cast<float>(s), inv_n);
-            const float var = ftz_mul(ftz_sub(ftz_mul(static_cast<float>(q), inv_n), ftz_mul(mean, mean)), kInvSquared255);
+            const float var =
+                ftz_mul(ftz_sub(ftz_mul(static_cast<float>(q), inv_n), ftz_mul(mean, mean)), kInvSquared255);
             // The raw estimate, unrefined: its error is part of the output.
             const float a = ftz_mul(recpe_f32(ftz_add(var, eps)), var);
             const float t1 = ftz_mul(a, mean);
@@ -51,8 +51,8 @@ void self_guided_filter_1pass_c(const uint8_t* src, const uint32_t* ii_sum, cons
 // src_stride is not used: the source is read as rows of `width` bytes, the
 // layout of the guided-filter input on the frame path.
 extern "C" void blc_self_guided_filter_1pass(const uint8_t* src, int /*src_stride*/, const uint32_t* ii_sum,
-                                             const uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst,
-                                             int width, int height, float*, float*, uint32_t*, uint32_t*) {
+                                             const uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst, int width,
+                                             int height, float*, float*, uint32_t*, uint32_t*) {
     if (width <= 0 || height <= 0) return;
     using namespace qimra;
     using Form = decltype(&self_guided_filter_1pass_neon);

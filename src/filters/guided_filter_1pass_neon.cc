@@ -71,7 +71,8 @@ struct Corners {
         bottom_left += 8;
         bottom_right += 8;
         uint32x4x2_t s;
-        for (int h = 0; h < 2; ++h) s.val[h] = vsubq_u32(vsubq_u32(vaddq_u32(br.val[h], tl.val[h]), bl.val[h]), tr.val[h]);
+        for (int h = 0; h < 2; ++h)
+            s.val[h] = vsubq_u32(vsubq_u32(vaddq_u32(br.val[h], tl.val[h]), bl.val[h]), tr.val[h]);
         return s;
     }
 };

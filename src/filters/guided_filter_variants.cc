@@ -7,10 +7,10 @@
 #include "filters/guided_filter.h"
 #include "filters/integral_image.h"
 #include "qimra/qimra.h"
-#include "simd/dispatch.h"
 #include "simd/convert.h"
-#include "simd/recpe.h"
+#include "simd/dispatch.h"
 #include "simd/ftz.h"
+#include "simd/recpe.h"
 #include "simd/recps.h"
 
 namespace qimra {
@@ -35,7 +35,6 @@ void guided_2pass_coefficients_c(const PaddedWindows& w, float inv_n, float eps,
         b[i] = ftz_sub(mean, ftz_mul(coef, mean));
     }
 }
-
 
 }  // namespace qimra
 
@@ -158,8 +157,8 @@ extern "C" void blc_self_guided_filter(const uint8_t* src, int src_stride, const
 // The coefficients live in fixed tiles on this function's stack (about
 // 32 KB), so any image size works; the three float arguments are not used.
 extern "C" void blc_self_guided_filter_2pass_pad(const uint8_t* src, int src_stride, uint32_t* ii_sum,
-                                                 uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst,
-                                                 int width, int height, float*, float*, float*) {
+                                                 uint32_t* ii_sqsum, int radius, float eps, uint8_t* dst, int width,
+                                                 int height, float*, float*, float*) {
     if (width < 1 || height < 1) return;
     blc_gen_ii_pad(src, src_stride, 0, width, height, ii_sum, ii_sqsum);
     const ptrdiff_t table_stride = qimra::padded_integral_stride(width);

@@ -28,7 +28,6 @@ struct PaddedWindows {
 // computes them.
 void guided_2pass_coefficients_c(const PaddedWindows& w, float inv_n, float eps, float* a, float* b, int32_t n);
 // Whole groups of four only; returns the pixels done (n rounded down to 4).
-int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, float eps, float* a, float* b,
-                                       int32_t n);
+int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, float eps, float* a, float* b, int32_t n);
 
 }  // namespace qimra

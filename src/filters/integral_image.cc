@@ -36,8 +36,7 @@ void repeat_pixel(uint8_t p, int32_t count, uint32_t* sum, uint32_t* sq, ptrdiff
     }
 }
 
-void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t stride, uint32_t* sum,
-                    uint32_t* sq) {
+void accumulate_row(const uint8_t* row, int32_t width, int32_t border, ptrdiff_t stride, uint32_t* sum, uint32_t* sq) {
     const ptrdiff_t up = -stride;
     RowRun run;
     // Entry 0 of the row is the zero column; pixels start at entry 1.
@@ -61,8 +60,8 @@ void zero(uint32_t* p, ptrdiff_t n) {
 }  // namespace
 }  // namespace qimra
 
-extern "C" void blc_gen_ii(const uint8_t* src, int src_stride, int ii_stride, int width, int height,
-                           uint32_t* ii_sum, uint32_t* ii_sqsum) {
+extern "C" void blc_gen_ii(const uint8_t* src, int src_stride, int ii_stride, int width, int height, uint32_t* ii_sum,
+                           uint32_t* ii_sqsum) {
     if (width >= 0) {
         qimra::zero(ii_sum, static_cast<ptrdiff_t>(width) + 1);
         qimra::zero(ii_sqsum, static_cast<ptrdiff_t>(width) + 1);
@@ -75,8 +74,8 @@ extern "C" void blc_gen_ii(const uint8_t* src, int src_stride, int ii_stride, in
     }
     if (width <= 0) return;
     for (ptrdiff_t i = 1; i <= height; ++i) {
-        qimra::accumulate_row(src + (i - 1) * static_cast<ptrdiff_t>(src_stride), width, 0, stride,
-                              ii_sum + i * stride, ii_sqsum + i * stride);
+        qimra::accumulate_row(src + (i - 1) * static_cast<ptrdiff_t>(src_stride), width, 0, stride, ii_sum + i * stride,
+                              ii_sqsum + i * stride);
     }
 }
 

@@ -30,12 +30,10 @@ void integral_row_c(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* 
 // Vector form of the same: the leading whole groups of eight pixels, run
 // updated; returns the pixels done. Prefix sums inside a group by shifted
 // adds, carried from group to group; all lanes wrap as the scalar sums do.
-int32_t integral_row_neon(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up,
-                          RowRun& run);
+int32_t integral_row_neon(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run);
 
 // x86-64: the same steps in SSE4.1 (the translated NEON form is barely
 // faster than the per-pixel loop there).
-int32_t integral_row_sse41(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up,
-                           RowRun& run);
+int32_t integral_row_sse41(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run);
 
 }  // namespace qimra

@@ -16,8 +16,7 @@ inline uint32x4_t last_lane(uint32x4_t v) { return vdupq_lane_u32(vget_high_u32(
 
 }  // namespace
 
-int32_t integral_row_neon(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up,
-                          RowRun& run) {
+int32_t integral_row_neon(const uint8_t* row, int32_t width, uint32_t* sum, uint32_t* sq, ptrdiff_t up, RowRun& run) {
     uint32x4_t run_sum = vdupq_n_u32(run.sum);
     uint32x4_t run_sq = vdupq_n_u32(run.sq);
     const uint16x8_t zero16 = vdupq_n_u16(0);

@@ -10,8 +10,8 @@
 
 namespace qimra {
 
-void scale_uv_planar_c(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                       const uint8_t* gain, int32_t width, int32_t height) {
+void scale_uv_planar_c(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v, const uint8_t* gain,
+                       int32_t width, int32_t height) {
     int32_t rows_left = height;
     do {
         int32_t cols_left = width;
@@ -56,14 +56,14 @@ using namespace qimra;
 extern "C" void blc_scale_uv_planar(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
                                     const uint8_t* gain, int width, int height) {
     using Form = decltype(&scale_uv_planar_c);
-    static const Form form = select_form<Form>({scale_uv_planar_c, QIMRA_NEON_FORM(scale_uv_planar_neon),
-                                                QIMRA_X86_FORM(scale_uv_planar_sse41),
-                                                QIMRA_X86_FORM(scale_uv_planar_avx2)});
+    static const Form form =
+        select_form<Form>({scale_uv_planar_c, QIMRA_NEON_FORM(scale_uv_planar_neon),
+                           QIMRA_X86_FORM(scale_uv_planar_sse41), QIMRA_X86_FORM(scale_uv_planar_avx2)});
     form(in_u, in_v, out_u, out_v, gain, width, height);
 }
 
-extern "C" void blc_scale_uv_nv(const uint8_t* in_uv, const uint8_t*, uint8_t* out_uv, uint8_t*,
-                                const uint8_t* gain, int width, int height) {
+extern "C" void blc_scale_uv_nv(const uint8_t* in_uv, const uint8_t*, uint8_t* out_uv, uint8_t*, const uint8_t* gain,
+                                int width, int height) {
     using Form = decltype(&scale_uv_nv_c);
     static const Form form = select_form<Form>({scale_uv_nv_c, QIMRA_NEON_FORM(scale_uv_nv_neon),
                                                 QIMRA_X86_FORM(scale_uv_nv_sse41), QIMRA_X86_FORM(scale_uv_nv_avx2)});

@@ -23,13 +23,13 @@ inline std::size_t scale_uv_groups(int32_t width, int32_t height) {
     return steps * rows;
 }
 
-void scale_uv_planar_c(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                       const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_planar_c(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v, const uint8_t* gain,
+                       int32_t width, int32_t height);
 void scale_uv_nv_c(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
 
 // Lane-for-lane NEON: 8 pairs per step, two steps at a time.
-void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                          const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v, const uint8_t* gain,
+                          int32_t width, int32_t height);
 void scale_uv_nv_neon(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
 
 // x86-64 has its own vector forms: translated, the NEON widening and
@@ -42,8 +42,8 @@ void scale_uv_planar_sse41_from(const uint8_t* in_u, const uint8_t* in_v, uint8_
                                 const uint8_t* gain, std::size_t first, std::size_t pairs);
 void scale_uv_nv_sse41_from(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, std::size_t first,
                             std::size_t pairs);
-void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                          const uint8_t* gain, int32_t width, int32_t height);
+void scale_uv_planar_avx2(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v, const uint8_t* gain,
+                          int32_t width, int32_t height);
 void scale_uv_nv_avx2(const uint8_t* in_uv, uint8_t* out_uv, const uint8_t* gain, int32_t width, int32_t height);
 
 }  // namespace qimra

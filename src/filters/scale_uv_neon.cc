@@ -18,15 +18,16 @@ inline uint8x8_t scale8(uint16x8_t sub_g, uint8x8_t c, uint8x8_t g) {
 }
 
 inline uint8x16_t scale16(uint16x8_t sub_lo, uint16x8_t sub_hi, uint8x16_t c, uint8x16_t g) {
-    return vcombine_u8(scale8(sub_lo, vget_low_u8(c), vget_low_u8(g)), scale8(sub_hi, vget_high_u8(c), vget_high_u8(g)));
+    return vcombine_u8(scale8(sub_lo, vget_low_u8(c), vget_low_u8(g)),
+                       scale8(sub_hi, vget_high_u8(c), vget_high_u8(g)));
 }
 
 }  // namespace
 
 // Pointers step on rather than being indexed, so that each load and store
 // advances its own (post-increment addressing on ARM).
-void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v,
-                          const uint8_t* gain, int32_t width, int32_t height) {
+void scale_uv_planar_neon(const uint8_t* in_u, const uint8_t* in_v, uint8_t* out_u, uint8_t* out_v, const uint8_t* gain,
+                          int32_t width, int32_t height) {
     std::size_t steps = scale_uv_groups(width, height);
     for (; steps >= 2; steps -= 2) {
         const uint8x16_t g = vld1q_u8(gain);

@@ -14,7 +14,6 @@ void test_asm_bytes_c(const uint8_t* in, uint8_t* out, int n) {
     for (int i = 0; i < n; ++i) out[i] = static_cast<uint8_t>(3u * (2u * in[i] + 233u));
 }
 
-
 }  // namespace qimra
 
 namespace {
@@ -57,8 +56,7 @@ extern "C" void blc_scale_uv_nv_410(const uint8_t* in_c1, const uint8_t* in_c2, 
 // only; width is meant to be a multiple of 16), then every pointer skips one
 // further row of `width` bytes while the row counter drops by two, so rows
 // 0, 2, 4, ... of planes `width` bytes wide are processed, at least one.
-extern "C" void test_asm(const uint8_t* in1, const uint8_t* in2, uint8_t* out1, uint8_t* out2, int width,
-                         int height) {
+extern "C" void test_asm(const uint8_t* in1, const uint8_t* in2, uint8_t* out1, uint8_t* out2, int width, int height) {
     int steps = 1;
     for (int w = width - 16; w > 0; w -= 16) ++steps;
     const int row_bytes = 16 * steps;

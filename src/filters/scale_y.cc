@@ -62,24 +62,25 @@ void scale_y_fs_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t 
 
 void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
                      uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
-    walk_block_rows_2x2nn(src, src_stride, dst, dst_stride, base, gain, width, height,
-                          [lut](const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b,
-                                uint8_t* g, int32_t blocks) { scale_blocks_2x2nn(s0, s1, d0, d1, b, g, lut, 0, blocks); });
+    walk_block_rows_2x2nn(
+        src, src_stride, dst, dst_stride, base, gain, width, height,
+        [lut](const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b, uint8_t* g,
+              int32_t blocks) { scale_blocks_2x2nn(s0, s1, d0, d1, b, g, lut, 0, blocks); });
 }
 
 }  // namespace qimra
 
 using namespace qimra;
 
-extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                               const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
+extern "C" void blc_scale_y_fs(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, const uint8_t* base,
+                               uint8_t* gain, int width, int height, qimra_ctx* c) {
     using Form = decltype(&scale_y_fs_c);
     static const Form form = select_form<Form>({.c = scale_y_fs_c});
     form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);
 }
 
-extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
-                                  const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
+extern "C" void blc_scale_y_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride, const uint8_t* base,
+                                  uint8_t* gain, int width, int height, qimra_ctx* c) {
     using Form = decltype(&scale_y_2x2nn_c);
     static const Form form = select_form<Form>({.c = scale_y_2x2nn_c, .neon = QIMRA_ARM_FORM(scale_y_2x2nn_arm)});
     form(src, src_stride, dst, dst_stride, base, gain, width, height, c->chroma_lut16);

@@ -60,7 +60,7 @@ void scale_y_2x2nn_c(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32
                      uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
 // The Thumb-2 form of scale_y_2x2nn_c, built where QIMRA_ARM_FORMS holds
 // (simd/arm.h).
-void scale_y_2x2nn_arm(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
-                       const uint8_t* base, uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
+void scale_y_2x2nn_arm(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                       uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut);
 
 }  // namespace qimra

@@ -42,45 +42,46 @@ struct BlockRow {
 // base word; r9, r7 the table pointers of the two blocks in hand; r10 a luma
 // word; r11 a byte offset; r12 a table entry; lr the mask 0xFF00. base_end
 // waits on the stack.
-#define QIMRA_LUMA_TWO_BLOCKS(ROT_A, ROT_B)                                              \
-    "uxtab  r9, r6, r8" ROT_A "\n\t"                                                     \
-    "uxtab  r7, r6, r8" ROT_B "\n\t"                                                     \
-    "ldr    r10, [r0], #4\n\t"          /* row 0: y0 y1 of block a, y2 y3 of block b */ \
-    "and    r11, lr, r10, lsl #8\n\t"                                                    \
-    "ldrh   r12, [r9, r11]\n\t"                                                          \
-    "strb   r12, [r2], #1\n\t"                                                           \
-    "lsr    r12, r12, #8\n\t"                                                            \
-    "strb   r12, [r5], #1\n\t"                                                           \
-    "and    r11, r10, #0xFF00\n\t"                                                       \
-    "ldrb   r12, [r9, r11]\n\t"                                                          \
-    "strb   r12, [r2], #1\n\t"                                                           \
-    "and    r11, lr, r10, lsr #8\n\t"                                                    \
-    "ldrh   r12, [r7, r11]\n\t"                                                          \
-    "strb   r12, [r2], #1\n\t"                                                           \
-    "lsr    r12, r12, #8\n\t"                                                            \
-    "strb   r12, [r5], #1\n\t"                                                           \
-    "and    r11, lr, r10, lsr #16\n\t"                                                   \
-    "ldrb   r12, [r7, r11]\n\t"                                                          \
-    "strb   r12, [r2], #1\n\t"                                                           \
-    "ldr    r10, [r1], #4\n\t"          /* row 1 */                                      \
-    "and    r11, lr, r10, lsl #8\n\t"                                                    \
-    "ldrb   r12, [r9, r11]\n\t"                                                          \
-    "strb   r12, [r3], #1\n\t"                                                           \
-    "and    r11, r10, #0xFF00\n\t"                                                       \
-    "ldrb   r12, [r9, r11]\n\t"                                                          \
-    "strb   r12, [r3], #1\n\t"                                                           \
-    "and    r11, lr, r10, lsr #8\n\t"                                                    \
-    "ldrb   r12, [r7, r11]\n\t"                                                          \
-    "strb   r12, [r3], #1\n\t"                                                           \
-    "and    r11, lr, r10, lsr #16\n\t"                                                   \
-    "ldrb   r12, [r7, r11]\n\t"                                                          \
+#define QIMRA_LUMA_TWO_BLOCKS(ROT_A, ROT_B)                                    \
+    "uxtab  r9, r6, r8" ROT_A                                                  \
+    "\n\t"                                                                     \
+    "uxtab  r7, r6, r8" ROT_B                                                  \
+    "\n\t"                                                                     \
+    "ldr    r10, [r0], #4\n\t" /* row 0: y0 y1 of block a, y2 y3 of block b */ \
+    "and    r11, lr, r10, lsl #8\n\t"                                          \
+    "ldrh   r12, [r9, r11]\n\t"                                                \
+    "strb   r12, [r2], #1\n\t"                                                 \
+    "lsr    r12, r12, #8\n\t"                                                  \
+    "strb   r12, [r5], #1\n\t"                                                 \
+    "and    r11, r10, #0xFF00\n\t"                                             \
+    "ldrb   r12, [r9, r11]\n\t"                                                \
+    "strb   r12, [r2], #1\n\t"                                                 \
+    "and    r11, lr, r10, lsr #8\n\t"                                          \
+    "ldrh   r12, [r7, r11]\n\t"                                                \
+    "strb   r12, [r2], #1\n\t"                                                 \
+    "lsr    r12, r12, #8\n\t"                                                  \
+    "strb   r12, [r5], #1\n\t"                                                 \
+    "and    r11, lr, r10, lsr #16\n\t"                                         \
+    "ldrb   r12, [r7, r11]\n\t"                                                \
+    "strb   r12, [r2], #1\n\t"                                                 \
+    "ldr    r10, [r1], #4\n\t" /* row 1 */                                     \
+    "and    r11, lr, r10, lsl #8\n\t"                                          \
+    "ldrb   r12, [r9, r11]\n\t"                                                \
+    "strb   r12, [r3], #1\n\t"                                                 \
+    "and    r11, r10, #0xFF00\n\t"                                             \
+    "ldrb   r12, [r9, r11]\n\t"                                                \
+    "strb   r12, [r3], #1\n\t"                                                 \
+    "and    r11, lr, r10, lsr #8\n\t"                                          \
+    "ldrb   r12, [r7, r11]\n\t"                                                \
+    "strb   r12, [r3], #1\n\t"                                                 \
+    "and    r11, lr, r10, lsr #16\n\t"                                         \
+    "ldrb   r12, [r7, r11]\n\t"                                                \
     "strb   r12, [r3], #1\n\t"
 
-#define QIMRA_LUMA_FOUR_BLOCKS             \
-    "ldr    r8, [r4], #4\n\t"               \
-    "and    r8, r8, #0xFEFEFEFE\n\t"        \
-    QIMRA_LUMA_TWO_BLOCKS("", ", ror #8") \
-    QIMRA_LUMA_TWO_BLOCKS(", ror #16", ", ror #24")
+#define QIMRA_LUMA_FOUR_BLOCKS                                             \
+    "ldr    r8, [r4], #4\n\t"                                              \
+    "and    r8, r8, #0xFEFEFEFE\n\t" QIMRA_LUMA_TWO_BLOCKS("", ", ror #8") \
+        QIMRA_LUMA_TWO_BLOCKS(", ror #16", ", ror #24")
 
 __attribute__((naked, noipa, target("thumb"))) void scale_y_rounds_2x2nn(const BlockRow*) {
     __asm__(
@@ -93,10 +94,7 @@ __attribute__((naked, noipa, target("thumb"))) void scale_y_rounds_2x2nn(const B
         "sub    r11, r7, r4\n\t"
         "tst    r11, #4\n\t"
         "bne    2f\n"
-        "1:\n\t"
-        QIMRA_LUMA_FOUR_BLOCKS
-        "2:\n\t"
-        QIMRA_LUMA_FOUR_BLOCKS
+        "1:\n\t" QIMRA_LUMA_FOUR_BLOCKS "2:\n\t" QIMRA_LUMA_FOUR_BLOCKS
         "ldr    r11, [sp]\n\t"
         "cmp    r4, r11\n\t"
         "bne    1b\n\t"
@@ -109,8 +107,8 @@ __attribute__((naked, noipa, target("thumb"))) void scale_y_rounds_2x2nn(const B
 
 }  // namespace
 
-void scale_y_2x2nn_arm(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride,
-                       const uint8_t* base, uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
+void scale_y_2x2nn_arm(const uint8_t* src, int32_t src_stride, uint8_t* dst, int32_t dst_stride, const uint8_t* base,
+                       uint8_t* gain, int32_t width, int32_t height, const uint16_t* lut) {
     walk_block_rows_2x2nn(src, src_stride, dst, dst_stride, base, gain, width, height,
                           [lut](const uint8_t* s0, const uint8_t* s1, uint8_t* d0, uint8_t* d1, const uint8_t* b,
                                 uint8_t* g, int32_t blocks) {

@@ -67,8 +67,7 @@ extern "C" void blc_scale_y(const uint8_t* src, int src_stride, uint8_t* dst, in
 // purpose and are kept.
 extern "C" void blc_scale_yuv12_2x2nn(const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
                                       const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c,
-                                      const uint8_t* in_c1, const uint8_t* in_c2, uint8_t* out_c1,
-                                      uint8_t* out_c2) {
+                                      const uint8_t* in_c1, const uint8_t* in_c2, uint8_t* out_c1, uint8_t* out_c2) {
     const uint16_t* lut = c->chroma_lut16;
     const int blocks_x = width / 2;
     const int blocks_y = height / 2;
@@ -125,9 +124,8 @@ extern "C" void blc_scale_yuv12_2x2nn(const uint8_t* src, int src_stride, uint8_
 // row 0 and gain row k >= 1 is written by row 2k - 1 and then overwritten by
 // row 2k. With an even `height` the last output row writes gain row
 // height / 2: the gain plane needs height / 2 + 1 rows.
-extern "C" void qimra_upscale4_y_enh_mc(void* job_ptr, const uint8_t* src, int src_stride, uint8_t* dst,
-                                        int dst_stride, const uint8_t* base, uint8_t* gain, int width, int height,
-                                        qimra_ctx* c) {
+extern "C" void qimra_upscale4_y_enh_mc(void* job_ptr, const uint8_t* src, int src_stride, uint8_t* dst, int dst_stride,
+                                        const uint8_t* base, uint8_t* gain, int width, int height, qimra_ctx* c) {
     const qimra_job* job = static_cast<const qimra_job*>(job_ptr);
     const int ws = job->rs_src_width;
     const int hs = job->rs_src_height;

@@ -61,7 +61,7 @@ extern "C" void gen_lanczos_coeffs(float* c, int n, float s) {
 }
 
 extern "C" void downscale_by_2_gaussian(const uint8_t* src, uint8_t* dst, uint8_t* work, int width, int height,
-                                       int src_stride, int dst_stride) {
+                                        int src_stride, int dst_stride) {
     using qimra::clamp_index;
     const int half_w = width / 2;
     for (int y = 0; y < height; ++y) {
@@ -81,7 +81,7 @@ extern "C" void downscale_by_2_gaussian(const uint8_t* src, uint8_t* dst, uint8_
 }
 
 extern "C" void downscale_by_2_lanczos_w_pad(const uint8_t* src, uint8_t* dst, uint8_t* work, int width, int height,
-                                            int src_stride, int dst_stride) {
+                                             int src_stride, int dst_stride) {
     int32_t q[9];
     qimra::lanczos_q15_taps(q);
     const int half_w = width / 2;
@@ -108,7 +108,7 @@ extern "C" void downscale_by_2_lanczos_w_pad(const uint8_t* src, uint8_t* dst, u
 // downscale_by_2_lanczos_w_pad on a source whose 4-pixel border replicates
 // its edges.
 extern "C" void downscale_by_2_lanczos(const uint8_t* src, uint8_t* dst, uint8_t* work, int width, int height,
-                                      int src_stride, int dst_stride) {
+                                       int src_stride, int dst_stride) {
     using qimra::clamp_index;
     int32_t q[9];
     qimra::lanczos_q15_taps(q);
@@ -130,7 +130,7 @@ extern "C" void downscale_by_2_lanczos(const uint8_t* src, uint8_t* dst, uint8_t
     }
 }
 
-extern "C" void downscale_by_2(const uint8_t* src, uint8_t* dst, uint8_t* work, int width, int height,
-                              int src_stride, int dst_stride) {
+extern "C" void downscale_by_2(const uint8_t* src, uint8_t* dst, uint8_t* work, int width, int height, int src_stride,
+                               int dst_stride) {
     downscale_by_2_lanczos_w_pad(src, dst, work, width, height, src_stride, dst_stride);
 }

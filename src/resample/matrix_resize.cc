@@ -49,8 +49,8 @@ void linear_coeff(int d, double scale, double inv_scale, bool area_mode, int* s,
     *f = frac <= 0.0f ? 0.0f : frac - static_cast<float>(floor_Double2Int(frac));
 }
 
-void resize_linear_with_tables(u_mat* src, u_mat* dst, zent_Size ssize, zent_Size dsize, double scale_x,
-                               double scale_y, double inv_scale_x, double inv_scale_y, bool area_mode) {
+void resize_linear_with_tables(u_mat* src, u_mat* dst, zent_Size ssize, zent_Size dsize, double scale_x, double scale_y,
+                               double inv_scale_x, double inv_scale_y, bool area_mode) {
     const int dw = dsize.width;
     const int dh = dsize.height;
     auto* block = static_cast<uint8_t*>(std::malloc(12 * static_cast<size_t>(dw + dh)));
@@ -104,8 +104,7 @@ void resize_area_fast_with_tables(u_mat* src, u_mat* dst, int dw, int iscale_x, 
     std::free(ofs);
 }
 
-void resize_area_with_tables(u_mat* src, u_mat* dst, zent_Size ssize, zent_Size dsize, double scale_x,
-                             double scale_y) {
+void resize_area_with_tables(u_mat* src, u_mat* dst, zent_Size ssize, zent_Size dsize, double scale_x, double scale_y) {
     auto* xtab = static_cast<DecimateAlpha*>(std::malloc(24 * static_cast<size_t>(ssize.width + ssize.height)));
     const int xtab_size = computeResizeAreaTab(ssize.width, dsize.width, 1, scale_x, xtab);
     DecimateAlpha* ytab = xtab + xtab_size;
@@ -161,8 +160,8 @@ extern "C" void call_resize(const uint8_t* src, uint8_t* dst, int src_width, int
                             int dst_height) {
     u_mat source{src_height, src_width, src_width, const_cast<uint8_t*>(src)};
     u_mat destination{dst_height, dst_width, dst_width, dst};
-    resize_zent(&source, &destination, zent_Size{dst_width, dst_height},
-                static_cast<double>(dst_width) / src_width, static_cast<double>(dst_height) / src_height, 1);
+    resize_zent(&source, &destination, zent_Size{dst_width, dst_height}, static_cast<double>(dst_width) / src_width,
+                static_cast<double>(dst_height) / src_height, 1);
 }
 
 extern "C" void resize_zent(u_mat* src, u_mat* dst, zent_Size dsize, double inv_scale_x, double inv_scale_y,

@@ -15,7 +15,6 @@ void area_mean_2x2_c(const uint8_t* s0, const uint8_t* s1, uint8_t* dst, int x_b
     }
 }
 
-
 }  // namespace qimra
 
 extern "C" int computeResizeAreaTab(int ssize, int dsize, int cn, double scale, DecimateAlpha* tab) {
@@ -112,8 +111,8 @@ extern "C" void resizeAreaFast(u_mat* src, u_mat* dst, int scale_x, int scale_y,
 }
 
 // Rows of both matrices are `cols` bytes apart here.
-extern "C" void resizeArea(u_mat* src, u_mat* dst, const DecimateAlpha* xtab, int xtab_size,
-                           const DecimateAlpha* ytab, int /*ytab_size*/, const int* tabofs) {
+extern "C" void resizeArea(u_mat* src, u_mat* dst, const DecimateAlpha* xtab, int xtab_size, const DecimateAlpha* ytab,
+                           int /*ytab_size*/, const int* tabofs) {
     const int dwidth = dst->cols;
     auto* rows = static_cast<float*>(std::malloc(8 * static_cast<size_t>(dwidth)));
     float* across = rows;

@@ -22,7 +22,6 @@ void vresizeLinear_c(const int* row0, const int* row1, uint8_t* dst, int b0, int
     }
 }
 
-
 }  // namespace qimra
 
 extern "C" void vresizeLinear(const int** rows, uint8_t* dst, const int16_t* beta, int width) {

@@ -16,8 +16,8 @@ namespace {
 constexpr uint32_t kPhase[2][2] = {{9, 7}, {1, 15}};
 
 inline uint8_t blend(int i, int j, uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
-    const uint32_t sum = kPhase[i][0] * (kPhase[j][0] * a + kPhase[j][1] * b) +
-                         kPhase[i][1] * (kPhase[j][0] * c + kPhase[j][1] * d);
+    const uint32_t sum =
+        kPhase[i][0] * (kPhase[j][0] * a + kPhase[j][1] * b) + kPhase[i][1] * (kPhase[j][0] * c + kPhase[j][1] * d);
     return static_cast<uint8_t>(sum >> 8);  // weights sum to 256: no clamp, no rounding
 }
 

@@ -43,8 +43,7 @@ inline uint16x8_t bottom(uint16x8_t upper, uint16x8_t lower, const Weights& w) {
 
 // Eight source columns from their samples a, c (upper and lower row) and
 // right neighbours b, d: sixteen pixels of each destination row.
-inline void step8(uint8x8_t a, uint8x8_t b, uint8x8_t c, uint8x8_t d, uint8_t* dst0, uint8_t* dst1,
-                  const Weights& w) {
+inline void step8(uint8x8_t a, uint8x8_t b, uint8x8_t c, uint8x8_t d, uint8_t* dst0, uint8_t* dst1, const Weights& w) {
     const HorizontalPhases u = horizontal(a, b, w);
     const HorizontalPhases l = horizontal(c, d, w);
     vst1q_u8(dst0, interleave_high_bytes(top(u.even, l.even, w), top(u.odd, l.odd, w)));
@@ -60,9 +59,7 @@ inline void step16(uint8x16_t a, uint8x16_t b, uint8x16_t c, uint8x16_t d, uint8
 }
 
 // The 16 columns ending at the last one, whose right neighbour is itself.
-inline uint8x16_t right_neighbours_at_end(uint8x16_t v) {
-    return vextq_u8(v, vdupq_lane_u8(vget_high_u8(v), 7), 1);
-}
+inline uint8x16_t right_neighbours_at_end(uint8x16_t v) { return vextq_u8(v, vdupq_lane_u8(vget_high_u8(v), 7), 1); }
 
 }  // namespace
 

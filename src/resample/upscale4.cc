@@ -25,7 +25,6 @@ void upscale4_row_c(const uint8_t* a, const uint8_t* b, uint8_t* dst, int x_begi
     }
 }
 
-
 namespace {
 
 void upscale4_row(const uint8_t* a, const uint8_t* b, uint8_t* dst, int ws, uint32_t f) {

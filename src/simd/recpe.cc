@@ -40,7 +40,7 @@ float recpe_f32(float x) {
         return std::bit_cast<float>(nan ? kDefaultNaN : sign);
     }
     if (exponent == 0) return std::bit_cast<float>(sign | kInfinity);  // zero or flushed denormal
-    if (exponent >= 253) return std::bit_cast<float>(sign);             // reciprocal below the normal range
+    if (exponent >= 253) return std::bit_cast<float>(sign);            // reciprocal below the normal range
     const uint32_t fraction = recpe_fraction_table[(bits >> 15) & 0xFFu];
     return std::bit_cast<float>(sign | ((253u - exponent) << 23) | (fraction << 15));
 }

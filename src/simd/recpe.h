@@ -37,8 +37,8 @@ inline float32x4_t recpe_f32x4(float32x4_t x) {
         recpe_fraction_table[vgetq_lane_u32(lead, 2)], recpe_fraction_table[vgetq_lane_u32(lead, 3)]};
     // Exponents 1..252 give result exponents 252..1; the rest are masked below
     // (the subtraction wraps harmlessly for them).
-    uint32x4_t result = vorrq_u32(sign, vorrq_u32(vshlq_n_u32(vsubq_u32(vdupq_n_u32(253u), exponent), 23),
-                                                  vshlq_n_u32(vld1q_u32(fraction), 15)));
+    uint32x4_t result = vorrq_u32(
+        sign, vorrq_u32(vshlq_n_u32(vsubq_u32(vdupq_n_u32(253u), exponent), 23), vshlq_n_u32(vld1q_u32(fraction), 15)));
     // |x| >= 2^126 (and infinity): the reciprocal would be denormal, so zero.
     result = vbslq_u32(vcgeq_u32(exponent, vdupq_n_u32(253u)), sign, result);
     // Zero and denormals (flushed): infinity of the operand's sign.

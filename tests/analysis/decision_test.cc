@@ -68,7 +68,7 @@ TEST(DecisionMeasures, ScoreWeighsEachTerm) {
 
 TEST(DecisionMeasures, RulesApplyInOrder) {
     const EntropyBands plain{-1.0f, -1.0f, -1.0f, -1.0f};
-    const EntropyBands busy{-2.0f, -2.0f, -2.0f, -2.0f};     // total -8, extremes -4
+    const EntropyBands busy{-2.0f, -2.0f, -2.0f, -2.0f};    // total -8, extremes -4
     const EntropyBands extremes{-2.6f, 0.0f, 0.0f, -2.6f};  // extremes -5.2
     auto judge = [](float s, const EntropyBands& e, float q, bool veto = false) {
         const Verdict v = judge_scene(s, e, q, veto);
@@ -76,8 +76,8 @@ TEST(DecisionMeasures, RulesApplyInOrder) {
     };
     using P = std::pair<int32_t, int32_t>;
     EXPECT_EQ(judge(1.6f, plain, 10.0f), P(1, 0));
-    EXPECT_EQ(judge(1.5f, plain, 10.0f), P(0, 0));    // strictly above 1.5
-    EXPECT_EQ(judge(1.9f, busy, 10.0f), P(0, 0));     // busy scene needs 2.0
+    EXPECT_EQ(judge(1.5f, plain, 10.0f), P(0, 0));  // strictly above 1.5
+    EXPECT_EQ(judge(1.9f, busy, 10.0f), P(0, 0));   // busy scene needs 2.0
     EXPECT_EQ(judge(2.0f, busy, 10.0f), P(1, 0));
     EXPECT_EQ(judge(0.5f, extremes, 10.0f), P(1, 0));  // busy extremes force it on
     EXPECT_EQ(judge(0.5f, extremes, 3.9f), P(0, 0));   // unless hardly anything is deep dark
@@ -94,7 +94,7 @@ TEST(DecisionMeasures, RulesApplyInOrder) {
 // Frames driven through the decision as the frame path drives it: one call,
 // then the slot and the frame counter advance and the capture flag is cleared.
 class DecisionFrames : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { start(0.5f, 2); }
     void TearDown() override { stop(); }
 

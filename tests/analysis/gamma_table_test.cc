@@ -109,8 +109,8 @@ TEST(GammaTab, StraightPartAtEveryAlignmentMatchesThePerPixelLine) {
 TEST(GammaTab, PerPixelLineTruncatesTowardZeroForExtremeTops) {
     std::array<uint8_t, 256> out{};
     gamma_line_c(out.data(), 10, -1000, 1, 192);
-    EXPECT_EQ(out[64 + 1], static_cast<uint8_t>(10 - 5));     // -1000 / 191 = -5.2
-    EXPECT_EQ(out[255], static_cast<uint8_t>(10 - 1000));     // wraps mod 256
+    EXPECT_EQ(out[64 + 1], static_cast<uint8_t>(10 - 5));  // -1000 / 191 = -5.2
+    EXPECT_EQ(out[255], static_cast<uint8_t>(10 - 1000));  // wraps mod 256
     gamma_line_c(out.data(), 10, 2147483647LL, 191, 192);
     EXPECT_EQ(out[255], static_cast<uint8_t>(10 + 2147483647LL));
 }
@@ -125,8 +125,7 @@ TEST(GammaTab, VectorLineIsExactForEveryReachableProduct) {
             gamma_line_c(c.data(), b, d, 1, 192);
             gamma_line_neon(v.data(), b, d, 1, 177);
             gamma_line_neon(v.data(), b, d, 176, 192);
-            for (int k = 1; k <= 191; ++k)
-                ASSERT_EQ(v[64 + k], c[64 + k]) << "k " << k << " d " << d << " b " << b;
+            for (int k = 1; k <= 191; ++k) ASSERT_EQ(v[64 + k], c[64 + k]) << "k " << k << " d " << d << " b " << b;
             for (int i = 256; i < 256 + 16; ++i) ASSERT_EQ(v[i], 0) << "wrote past the table";
         }
 }

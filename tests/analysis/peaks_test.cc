@@ -232,7 +232,7 @@ TEST(PeaksFeatures, DarkLevelsAndDeepDark) {
 
 TEST(PeaksFeatures, PeakRatioOfExtremeToMidTone) {
     Hist h{};
-    h[30] = 2000;  // plateau height 286
+    h[30] = 2000;   // plateau height 286
     h[100] = 1000;  // plateau height 143
     EXPECT_FLOAT_EQ(locate(h).peak_ratio_log, std::log(2.0f));
     h[100] = 0;

@@ -81,8 +81,8 @@ std::vector<std::vector<uint8_t>> through_c_abi(int w, int h, Mode mode, ColourF
 
 // The same frames through the C++ engine, packed views, out of place.
 std::vector<std::vector<uint8_t>> through_engine(int w, int h, Mode mode, ColourFormat format,
-                                                 const std::vector<std::vector<uint8_t>>& frames,
-                                                 bool expect_direct, float gamma = 0.5f) {
+                                                 const std::vector<std::vector<uint8_t>>& frames, bool expect_direct,
+                                                 float gamma = 0.5f) {
     reset_globals();
     std::vector<std::vector<uint8_t>> out;
     quietly([&] {
@@ -131,8 +131,7 @@ TEST(CppApiValidation, SizesBeyondTheBoundAreRefusedBeforeAllocating) {
 }
 
 TEST(CppApiValidation, GammaMustBeFiniteAndInRange) {
-    for (float g : {0.0f, -0.5f, 4.5f, std::numeric_limits<float>::quiet_NaN(),
-                    std::numeric_limits<float>::infinity()})
+    for (float g : {0.0f, -0.5f, 4.5f, std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity()})
         expect_error([g] { Engine e(640, 480, g); }, {"gamma", "greater than 0 and at most 4"});
 }
 
@@ -215,9 +214,8 @@ TEST(CppApiValidation, PlanesShorterThanTheirRowsAreRefused) {
             e.process(in, packed_frame(std::span<uint8_t>(b.out), 64, 64, ColourFormat::i420));
         },
         {"input first chroma plane is empty"});
-    expect_error(
-        [&] { packed_frame(std::span<uint8_t>(b.out).first(100), 64, 64, ColourFormat::i420); },
-        {"needs 6144 bytes", "holds 100"});
+    expect_error([&] { packed_frame(std::span<uint8_t>(b.out).first(100), 64, 64, ColourFormat::i420); },
+                 {"needs 6144 bytes", "holds 100"});
 }
 
 TEST(CppApiValidation, InterleavedFormatsTakeOneChromaPlane) {
@@ -353,7 +351,8 @@ std::vector<uint8_t> replicate_edges(const std::vector<uint8_t>& f, int w, int h
 std::vector<uint8_t> crop(const std::vector<uint8_t>& f, int cw, int ch, int w, int h, ColourFormat fmt) {
     std::vector<uint8_t> out(frame_bytes(w, h));
     auto plane = [&](const uint8_t* src, int srow, uint8_t* dst, int rows, int row) {
-        for (int y = 0; y < rows; ++y) memcpy(dst + static_cast<size_t>(y) * row, src + static_cast<size_t>(y) * srow, row);
+        for (int y = 0; y < rows; ++y)
+            memcpy(dst + static_cast<size_t>(y) * row, src + static_cast<size_t>(y) * srow, row);
     };
     plane(f.data(), cw, out.data(), h, w);
     const uint8_t* sc = f.data() + static_cast<size_t>(cw) * ch;
@@ -435,9 +434,9 @@ TEST(CppApiSizes, DirectSizesGiveTheBitsOfTheCAbi) {
         ColourFormat format;
     };
     const Case cases[] = {
-        {640, 480, Mode::fixed, ColourFormat::i420},   {640, 480, Mode::adaptive, ColourFormat::nv12},
-        {640, 480, Mode::mark, ColourFormat::i420},    {1280, 720, Mode::adaptive, ColourFormat::i420},
-        {1280, 720, Mode::fixed, ColourFormat::nv21},  {16, 24, Mode::fixed, ColourFormat::yv12},
+        {640, 480, Mode::fixed, ColourFormat::i420},  {640, 480, Mode::adaptive, ColourFormat::nv12},
+        {640, 480, Mode::mark, ColourFormat::i420},   {1280, 720, Mode::adaptive, ColourFormat::i420},
+        {1280, 720, Mode::fixed, ColourFormat::nv21}, {16, 24, Mode::fixed, ColourFormat::yv12},
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(std::to_string(k.w) + "x" + std::to_string(k.h) + " mode " + std::to_string(int(k.mode)));
@@ -465,13 +464,17 @@ TEST(CppApiSizes, StridesSeparatePlanesAndInPlaceAgreeWithPackedFrames) {
             const int ys = w + pad, cs = w / 2 + pad;
             std::vector<uint8_t> iy(static_cast<size_t>(ys) * h), ic(static_cast<size_t>(cs) * h);
             std::vector<uint8_t> oy(iy.size()), oc(ic.size());
-            for (int r = 0; r < h; ++r) memcpy(&iy[static_cast<size_t>(r) * ys], &frames[i][static_cast<size_t>(r) * w], w);
+            for (int r = 0; r < h; ++r)
+                memcpy(&iy[static_cast<size_t>(r) * ys], &frames[i][static_cast<size_t>(r) * w], w);
             for (int r = 0; r < h; ++r)  // U rows then V rows, h / 2 each
-                memcpy(&ic[static_cast<size_t>(r) * cs], &frames[i][static_cast<size_t>(w) * h + static_cast<size_t>(r) * (w / 2)], w / 2);
+                memcpy(&ic[static_cast<size_t>(r) * cs],
+                       &frames[i][static_cast<size_t>(w) * h + static_cast<size_t>(r) * (w / 2)], w / 2);
             const size_t half = static_cast<size_t>(cs) * (h / 2);
-            ConstFrameView in{{iy, ys}, {std::span<const uint8_t>(ic).first(half), cs},
+            ConstFrameView in{{iy, ys},
+                              {std::span<const uint8_t>(ic).first(half), cs},
                               {std::span<const uint8_t>(ic).subspan(half), cs}};
-            FrameView out{{oy, ys}, {std::span<uint8_t>(oc).first(half), cs}, {std::span<uint8_t>(oc).subspan(half), cs}};
+            FrameView out{
+                {oy, ys}, {std::span<uint8_t>(oc).first(half), cs}, {std::span<uint8_t>(oc).subspan(half), cs}};
             e.process(in, out);
             std::vector<uint8_t> got;
             for (int r = 0; r < h; ++r) got.insert(got.end(), oy.begin() + r * ys, oy.begin() + r * ys + w);

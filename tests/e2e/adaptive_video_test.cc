@@ -49,10 +49,9 @@ std::vector<uint8_t> clip_frame(const std::vector<uint8_t>& bright, const std::v
     for (int p = 0; p < 2; ++p)
         for (int y = 0; y < kH / 2; ++y)
             for (int x = 0; x < kW / 2; ++x) {
-                const size_t s = src_plane + p * src_plane / 4 + static_cast<size_t>(y0 / 2 + y) * (kSrcW / 2) +
-                                 x0 / 2 + x;
-                f[dst_plane + p * dst_plane / 4 + static_cast<size_t>(y) * (kW / 2) + x] =
-                    blend(bright[s], backlit[s]);
+                const size_t s =
+                    src_plane + p * src_plane / 4 + static_cast<size_t>(y0 / 2 + y) * (kSrcW / 2) + x0 / 2 + x;
+                f[dst_plane + p * dst_plane / 4 + static_cast<size_t>(y) * (kW / 2) + x] = blend(bright[s], backlit[s]);
             }
     return f;
 }
@@ -63,7 +62,9 @@ public:
         reset_globals();
         capture_stderr([&] { capture_stdout([&] { c_ = qimra_init(kW, kH, 0.5f, 0, 0, 0, 0, 0, mode, 0); }); });
     }
-    ~AdaptiveEngine() { capture_stderr([&] { qimra_deinit(c_); }); }
+    ~AdaptiveEngine() {
+        capture_stderr([&] { qimra_deinit(c_); });
+    }
     qimra_ctx* get() { return c_; }
 
 private:
@@ -71,7 +72,7 @@ private:
 };
 
 struct ClipRun {
-    std::string decisions;                 // '1' enhanced, '0' left alone, per frame
+    std::string decisions;                   // '1' enhanced, '0' left alone, per frame
     std::vector<std::vector<uint8_t>> tone;  // the tone table after each frame
     uint64_t checksum = 1469598103934665603ull;
 };

@@ -152,7 +152,8 @@ TEST_P(NoAllocFrames, NoAllocatorCallInsideProcessInAnyMode) {
     for (const int mode : {0, 1, 2}) {
         reset_globals();
         qimra_ctx* c = nullptr;
-        capture_stderr([&] { capture_stdout([&] { c = qimra_init(k.dark.w, k.dark.h, 0.5f, 0, 0, 0, 0, 0, mode, k.format); }); });
+        capture_stderr(
+            [&] { capture_stdout([&] { c = qimra_init(k.dark.w, k.dark.h, 0.5f, 0, 0, 0, 0, 0, mode, k.format); }); });
         ASSERT_NE(c, nullptr);
         std::vector<uint8_t> in(dark.size()), out(dark.size());
         bool changed = false;

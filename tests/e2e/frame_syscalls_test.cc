@@ -21,10 +21,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fcntl.h>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <string>
 #include <vector>
 
@@ -77,7 +77,10 @@ bool install_filter(int report_fd, bool strict) {
     };
     if (strict) {
         const long allowed[] = {
-            __NR_futex, __NR_rt_sigreturn, __NR_exit, __NR_exit_group,
+            __NR_futex,
+            __NR_rt_sigreturn,
+            __NR_exit,
+            __NR_exit_group,
 #if defined(__NR_futex_time64)
             __NR_futex_time64,
 #endif
@@ -124,8 +127,8 @@ struct Case {
 // touch pages), then the filtered frames. The report is one line,
 // "<trapped> <first call numbers...>". The engine is never torn down:
 // freeing may give memory back to the kernel, and the process ends anyway.
-[[noreturn]] void child(const Case& k, int mode, const std::vector<uint8_t>& dark,
-                        const std::vector<uint8_t>& bright, int report_fd) {
+[[noreturn]] void child(const Case& k, int mode, const std::vector<uint8_t>& dark, const std::vector<uint8_t>& bright,
+                        int report_fd) {
     struct sigaction sa {};
     sa.sa_sigaction = on_sigsys;
     sa.sa_flags = SA_SIGINFO;
@@ -180,7 +183,8 @@ std::string run_child(const Case& k, int mode, const std::vector<uint8_t>& dark,
 }
 
 TEST(FrameSyscalls, OnlyTheSemaphoresInsideProcess) {
-    if (!seccomp_available()) GTEST_SKIP() << "seccomp filters are not available here (qemu-user does not emulate them)";
+    if (!seccomp_available())
+        GTEST_SKIP() << "seccomp filters are not available here (qemu-user does not emulate them)";
     const Case cases[] = {{"path", 1280, 720, 0}, {"path", 1280, 720, 2}, {"path", 640, 480, 0}};
     for (const Case& k : cases) {
         std::vector<uint8_t> dark = load_i420(k.name, k.w, k.h);
@@ -199,9 +203,9 @@ TEST(FrameSyscalls, OnlyTheSemaphoresInsideProcess) {
             ASSERT_EQ(exit_code, 0) << "child failed (2 signal set-up, 3 init, 4 filter, 5 report)";
             int trapped = -1;
             long first[4] = {};
-            ASSERT_EQ(std::sscanf(report.c_str(), "%d %ld %ld %ld %ld", &trapped, &first[0], &first[1], &first[2],
-                                  &first[3]),
-                      5)
+            ASSERT_EQ(
+                std::sscanf(report.c_str(), "%d %ld %ld %ld %ld", &trapped, &first[0], &first[1], &first[2], &first[3]),
+                5)
                 << report;
             EXPECT_EQ(trapped, 0) << "system calls other than futex inside qimra_process; first numbers: " << first[0]
                                   << " " << first[1] << " " << first[2] << " " << first[3];
@@ -212,7 +216,8 @@ TEST(FrameSyscalls, OnlyTheSemaphoresInsideProcess) {
 // The filter really traps: a system call made under it is counted. Without
 // this a filter that let everything through would pass the test above.
 TEST(FrameSyscalls, TheFilterSeesAForbiddenCall) {
-    if (!seccomp_available()) GTEST_SKIP() << "seccomp filters are not available here (qemu-user does not emulate them)";
+    if (!seccomp_available())
+        GTEST_SKIP() << "seccomp filters are not available here (qemu-user does not emulate them)";
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     const pid_t pid = fork();

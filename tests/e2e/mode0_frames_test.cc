@@ -63,10 +63,10 @@ double tenth_mean(const uint8_t* y, size_t n, bool darkest) {
 // Quarter mode (720p, 1080p) and full size (640x480 and the small
 // photographs), planar and interleaved chroma.
 const Case kCases[] = {
-    {"evening", 1280, 720, 0, 0xda451c5840e7b4a1ull},   {"evening", 1280, 720, 2, 0xbc2fb5e678c9c48full},
-    {"path", 1920, 1080, 0, 0xe427eec53a25638eull},     {"water", 1920, 1080, 2, 0xb1e83bb9a317a5deull},
-    {"darkest", 640, 480, 0, 0x1d267f53acdce728ull},    {"pier", 640, 480, 2, 0x46881addd1004f19ull},
-    {"astronaut", 512, 512, 0, 0xa78b2da08832c0c1ull},  {"coffee", 592, 400, 2, 0x2a5a09b62702e3f5ull},
+    {"evening", 1280, 720, 0, 0xda451c5840e7b4a1ull},  {"evening", 1280, 720, 2, 0xbc2fb5e678c9c48full},
+    {"path", 1920, 1080, 0, 0xe427eec53a25638eull},    {"water", 1920, 1080, 2, 0xb1e83bb9a317a5deull},
+    {"darkest", 640, 480, 0, 0x1d267f53acdce728ull},   {"pier", 640, 480, 2, 0x46881addd1004f19ull},
+    {"astronaut", 512, 512, 0, 0xa78b2da08832c0c1ull}, {"coffee", 592, 400, 2, 0x2a5a09b62702e3f5ull},
 };
 
 void PrintTo(const Case& k, std::ostream* os) {

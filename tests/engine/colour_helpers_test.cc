@@ -12,8 +12,8 @@ namespace {
 
 TEST(ColourHelpers, IntensityOfHandComputedBlocks) {
     // 4 x 2 luma, two chroma samples: block 0 neutral, block 1 coloured.
-    const uint8_t y[8] = {16, 235, 100, 0,  //
-                          255, 0, 17, 255};
+    const uint8_t y[8] = {16,  235, 100, 0,  //
+                          255, 0,   17,  255};
     const uint8_t u[2] = {128, 60};
     const uint8_t v[2] = {128, 200};
     uint8_t out[8] = {};

@@ -236,8 +236,8 @@ TEST(ColourLut, SingleThreadedBuilderKeepsTheLowByteOfLargeGains) {
 
 TEST(ColourLut, VectorRowsMatchPerPixelRow) {
     using Form = void (*)(const ColourLutInputs&, const ColourLutVectorTables&, int32_t, uint16_t*, int32_t, int32_t);
-    const auto forms =
-        test::vector_forms<Form>({.neon = QIMRA_NEON_FORM(colour_lut_row_neon), .avx2 = QIMRA_X86_FORM(colour_lut_row_avx2)});
+    const auto forms = test::vector_forms<Form>(
+        {.neon = QIMRA_NEON_FORM(colour_lut_row_neon), .avx2 = QIMRA_X86_FORM(colour_lut_row_avx2)});
     LutContext c;
     for (uint32_t seed : {1u, 2u, 3u, 4u, 5u, 6u}) {
         c.random_gamma(seed);
@@ -254,8 +254,8 @@ TEST(ColourLut, VectorRowsMatchPerPixelRow) {
                 for (const auto& [name, form] : forms) {
                     std::vector<uint16_t> got(end, 0x5A5A);
                     form(in, v, i, got.data(), begin, end);
-                    ASSERT_EQ(got, expect) << name << " row " << i << " entries " << begin << ".." << end << " seed "
-                                           << seed;
+                    ASSERT_EQ(got, expect)
+                        << name << " row " << i << " entries " << begin << ".." << end << " seed " << seed;
                 }
             }
     }

@@ -91,13 +91,13 @@ TEST(CdsHysteresis, SwitchesOnAndOffAtTheThirdFrame) {
 
 TEST(CdsHysteresis, CountdownCarriesAcrossAFlipOfTheRequest) {
     reset_globals();
-    EXPECT_EQ(step(true), 0);  // 3 -> 2
-    EXPECT_EQ(step(true), 0);  // 2 -> 1
+    EXPECT_EQ(step(true), 0);   // 3 -> 2
+    EXPECT_EQ(step(true), 0);   // 2 -> 1
     EXPECT_EQ(step(false), 0);  // off without request: countdown kept at 1
     EXPECT_EQ(cds_count_down, 1);
-    EXPECT_EQ(step(true), 1);  // the carried countdown switches on at once
+    EXPECT_EQ(step(true), 1);   // the carried countdown switches on at once
     EXPECT_EQ(step(false), 1);  // 3 -> 2
-    EXPECT_EQ(step(true), 1);  // on with request: countdown kept at 2
+    EXPECT_EQ(step(true), 1);   // on with request: countdown kept at 2
     EXPECT_EQ(cds_count_down, 2);
     EXPECT_EQ(step(false), 1);  // 2 -> 1
     EXPECT_EQ(step(false), 0);  // 1 -> 0: off

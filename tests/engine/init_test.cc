@@ -133,13 +133,15 @@ TEST(ConstantTables, MatchTheirDefinitions) {
 
 TEST(InitLog, ReportsTheBuiltInConfiguration) {
     qimra_ctx* c = nullptr;
-    const std::string err = capture_stderr(
-        [&] { capture_stdout([&] { c = qimra_init(640, 480, 0.75f, 7, 0, 0, 0, 0, 2, 3); }); });
+    const std::string err =
+        capture_stderr([&] { capture_stdout([&] { c = qimra_init(640, 480, 0.75f, 7, 0, 0, 0, 0, 2, 3); }); });
     ASSERT_NE(c, nullptr);
-    const std::vector<std::string> expected = {
-        "V/qimra: BLC init with 2 cores ht 480 wd 640", "V/qimra: V11- CDS supported for 410 chroma format",
-        "V/qimra: Adaptive mode:2",                     "V/qimra: USE_1PASS_GUIDED_FILTER:1",
-        "V/qimra: UPSCALE_BY_4:0",                      "V/qimra: gamma :0.750000\tcolour_format:3"};
+    const std::vector<std::string> expected = {"V/qimra: BLC init with 2 cores ht 480 wd 640",
+                                               "V/qimra: V11- CDS supported for 410 chroma format",
+                                               "V/qimra: Adaptive mode:2",
+                                               "V/qimra: USE_1PASS_GUIDED_FILTER:1",
+                                               "V/qimra: UPSCALE_BY_4:0",
+                                               "V/qimra: gamma :0.750000\tcolour_format:3"};
     std::vector<std::string> lines = lines_of(err);
     // Then the instruction set, after a line on QIMRA_ISA where it was lowered
     // or not understood.
@@ -225,7 +227,8 @@ TEST(OneEngine, SecondInitIsRefusedAndTheLiveEngineRunsOn) {
                 const int32_t mem_before = total_mem;
                 qimra_ctx* second = c;
                 const std::string out = capture_stdout([&] {
-                    const std::string err = capture_stderr([&] { second = qimra_init(kW, kH, 0.5f, 0, 0, 0, 0, 0, 2, 0); });
+                    const std::string err =
+                        capture_stderr([&] { second = qimra_init(kW, kH, 0.5f, 0, 0, 0, 0, 0, 2, 0); });
                     EXPECT_NE(err.find("an engine already exists"), std::string::npos) << err;
                 });
                 EXPECT_EQ(second, nullptr);

@@ -41,9 +41,9 @@ constexpr int kMaxTracked = 512;
 // Only the thread that armed the window is counted: the worker thread and
 // the test framework allocate on their own schedules.
 thread_local bool t_armed = false;
-long t_calls = 0;           // allocations seen in the window (armed thread only)
-long t_fail_at = 0;         // 1-based index of the allocation to fail, 0 for none
-bool t_failed = false;      // the injected failure happened
+long t_calls = 0;       // allocations seen in the window (armed thread only)
+long t_fail_at = 0;     // 1-based index of the allocation to fail, 0 for none
+bool t_failed = false;  // the injected failure happened
 std::atomic<void*> g_live[kMaxTracked];
 std::atomic<size_t> g_live_size[kMaxTracked];
 std::atomic<int> g_overflow{0};
@@ -174,9 +174,9 @@ int count_of(const std::string& text, const std::string& what) {
     return n;
 }
 
-#define SKIP_UNDER_SANITIZERS()                                                                   \
-    do {                                                                                          \
-        if (!QIMRA_FAULT_INTERPOSE)                                                               \
+#define SKIP_UNDER_SANITIZERS()                                                                  \
+    do {                                                                                         \
+        if (!QIMRA_FAULT_INTERPOSE)                                                              \
             GTEST_SKIP() << "malloc interposition conflicts with the sanitizers' own allocator"; \
     } while (0)
 

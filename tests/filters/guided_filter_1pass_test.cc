@@ -52,8 +52,8 @@ std::vector<uint8_t> run_per_pixel(const Case& c, float eps) {
 
 std::vector<uint8_t> run_exported(const Case& c, float eps, int src_stride) {
     std::vector<uint8_t> dst = output_buffer(c);
-    blc_self_guided_filter_1pass(c.src.data(), src_stride, c.t.sum.data(), c.t.sq.data(), c.r, eps, dst.data(),
-                                 c.w, c.h, nullptr, nullptr, nullptr, nullptr);
+    blc_self_guided_filter_1pass(c.src.data(), src_stride, c.t.sum.data(), c.t.sq.data(), c.r, eps, dst.data(), c.w,
+                                 c.h, nullptr, nullptr, nullptr, nullptr);
     return dst;
 }
 
@@ -107,11 +107,15 @@ TEST(GuidedOnePass, VectorFormMatchesPerPixelForm) {
         for (int32_t w : widths) {
             for (int32_t h : heights) {
                 Case c(w, h, r);
-                if (seed % 2) fill_scene(c, seed); else fill_random(c.src.data(), c.src.size(), seed);
+                if (seed % 2)
+                    fill_scene(c, seed);
+                else
+                    fill_random(c.src.data(), c.src.size(), seed);
                 ++seed;
                 c.build_tables();
                 for (float eps : {0.04f, 0.001f, 0.5f}) {
-                    ASSERT_EQ(run_vector(c, eps), run_per_pixel(c, eps)) << w << "x" << h << " r " << r << " eps " << eps;
+                    ASSERT_EQ(run_vector(c, eps), run_per_pixel(c, eps))
+                        << w << "x" << h << " r " << r << " eps " << eps;
                 }
             }
         }
@@ -122,8 +126,18 @@ TEST(GuidedOnePass, VectorFormMatchesPerPixelForm) {
 // infinite and NaN operands, a above 1 (wrap) and a beyond 2^31, denormal
 // intermediate values.
 TEST(GuidedOnePass, VectorFormMatchesPerPixelFormForExtremeEps) {
-    const float eps_values[] = {0.0f, -0.0f, -0.01f, -0.2f, 1e-40f, -1e-40f, 1e-30f, 1e25f, 1e37f, FLT_MAX,
-                                std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+    const float eps_values[] = {0.0f,
+                                -0.0f,
+                                -0.01f,
+                                -0.2f,
+                                1e-40f,
+                                -1e-40f,
+                                1e-30f,
+                                1e25f,
+                                1e37f,
+                                FLT_MAX,
+                                std::numeric_limits<float>::infinity(),
+                                -std::numeric_limits<float>::infinity(),
                                 std::numeric_limits<float>::quiet_NaN()};
     Case c(64, 24);
     fill_scene(c, 42);

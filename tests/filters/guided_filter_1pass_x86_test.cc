@@ -60,8 +60,7 @@ std::vector<std::pair<const char*, VectorForm>> forms() {
 
 // A vector form for its columns, finished by the per-pixel form as the
 // exported function does.
-std::vector<uint8_t> vector_form(VectorForm form, const Image& im, const uint32_t* sum, const uint32_t* sq,
-                                 float eps) {
+std::vector<uint8_t> vector_form(VectorForm form, const Image& im, const uint32_t* sum, const uint32_t* sq, float eps) {
     std::vector<uint8_t> dst(im.src.size() + 4, 0xAA);
     const int32_t done = form(im.src.data(), sum, sq, im.r, eps, dst.data(), im.w, im.h);
     EXPECT_EQ(done, im.w - im.w % 4);
@@ -86,8 +85,19 @@ TEST(GuidedOnePassX86, MatchesPerPixelFormOnImages) {
 // Estimates of zero, denormal, huge, infinite and NaN operands; a above 1
 // (outputs wrap) and far beyond 2^32 (saturation).
 TEST(GuidedOnePassX86, MatchesPerPixelFormForExtremeEps) {
-    const float eps_values[] = {0.0f, -0.0f, -0.01f, -0.1f, -0.2f, 1e-40f, -1e-40f, 1e-30f, 1e25f, 1e37f, FLT_MAX,
-                                std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+    const float eps_values[] = {0.0f,
+                                -0.0f,
+                                -0.01f,
+                                -0.1f,
+                                -0.2f,
+                                1e-40f,
+                                -1e-40f,
+                                1e-30f,
+                                1e25f,
+                                1e37f,
+                                FLT_MAX,
+                                std::numeric_limits<float>::infinity(),
+                                -std::numeric_limits<float>::infinity(),
                                 std::numeric_limits<float>::quiet_NaN()};
     Image im = image_with_tables(64, 24, 8, 5);
     for (int32_t y = 0; y < 24; ++y)

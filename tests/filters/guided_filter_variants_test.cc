@@ -53,8 +53,9 @@ TEST(GuidedVariantsRecps, StepIsTwoMinusARoundedProduct) {
 
 #if defined(__ARM_NEON) || defined(__ARM_NEON__)
 TEST(GuidedVariantsRecps, MatchesTheInstructionOnEveryClassOfOperand) {
-    std::vector<float> v = {0.0f, 1e-45f, 1e-40f, FLT_MIN, 1.0f, 2.0f, 0.5f, 1.0f + 0x1p-12f, 3.14159f, 65025.0f,
-                            1e38f, FLT_MAX, INFINITY, NAN, 0x1.fffffep-64f, 0x1p-63f};
+    std::vector<float> v = {
+        0.0f,    1e-45f,   1e-40f, FLT_MIN,         1.0f,    2.0f, 0.5f, 1.0f + 0x1p-12f, 3.14159f, 65025.0f, 1e38f,
+        FLT_MAX, INFINITY, NAN,    0x1.fffffep-64f, 0x1p-63f};
     for (int e = -126; e <= 127; e += 9) v.push_back(std::ldexp(1.37f, e));
     const size_t base = v.size();
     for (size_t i = 0; i < base; ++i) v.push_back(-v[i]);
@@ -119,11 +120,14 @@ TEST(GuidedVariantsTwoPass, VectorCoefficientsMatchPerPixel) {
                         std::vector<float> ac(n), bc(n), av(n), bv(n);
                         const PaddedWindows win = t.row(y, radius);
                         guided_2pass_coefficients_c(win, inv_n_of(radius), eps, ac.data(), bc.data(), w);
-                        const int done = guided_2pass_coefficients_neon(win, inv_n_of(radius), eps, av.data(), bv.data(), w);
+                        const int done =
+                            guided_2pass_coefficients_neon(win, inv_n_of(radius), eps, av.data(), bv.data(), w);
                         ASSERT_EQ(done, w / 4 * 4);
                         for (int x = 0; x < done; ++x) {
-                            ASSERT_TRUE(same_float(av[size_t(x)], ac[size_t(x)])) << "a r" << radius << " w" << w << " " << x << "," << y;
-                            ASSERT_TRUE(same_float(bv[size_t(x)], bc[size_t(x)])) << "b r" << radius << " w" << w << " " << x << "," << y;
+                            ASSERT_TRUE(same_float(av[size_t(x)], ac[size_t(x)]))
+                                << "a r" << radius << " w" << w << " " << x << "," << y;
+                            ASSERT_TRUE(same_float(bv[size_t(x)], bc[size_t(x)]))
+                                << "b r" << radius << " w" << w << " " << x << "," << y;
                         }
                     }
                 }
@@ -148,7 +152,8 @@ TEST(GuidedVariantsTwoPass, RefinedReciprocalGivesNearlyExactCoefficients) {
                 const uint32_t* s = w.sum_top + x;
                 const uint32_t* q = w.sq_top + x;
                 const float mean = float(s[below + 17] + s[0] - s[below] - s[17]) * inv_n;
-                const float var = (float(q[below + 17] + q[0] - q[below] - q[17]) * inv_n - mean * mean) * 1.5378700e-05f;
+                const float var =
+                    (float(q[below + 17] + q[0] - q[below] - q[17]) * inv_n - mean * mean) * 1.5378700e-05f;
                 const double exact = double(var) / (double(var) + double(eps));
                 const size_t i = size_t(y) * img.width + x;
                 ASSERT_NEAR(a[i], exact, 1e-6 * exact + 1e-12) << x << "," << y;
@@ -241,8 +246,7 @@ TEST(GuidedVariantsTwoPass, SmoothsNoiseAndKeepsAStepEdge) {
 
 struct Unpadded {
     std::vector<uint32_t> sum, sq;
-    explicit Unpadded(const Image& img)
-        : sum(size_t(img.width + 1) * (img.height + 1)), sq(sum.size()) {
+    explicit Unpadded(const Image& img) : sum(size_t(img.width + 1) * (img.height + 1)), sq(sum.size()) {
         blc_gen_ii(img.px.data(), img.stride, img.width + 1, img.width, img.height, sum.data(), sq.data());
     }
 };
@@ -324,7 +328,8 @@ TEST(GuidedVariantsClipped, ConstantImageMayLoseOneLevel) {
         const std::vector<uint8_t> out = run_clipped(img, r, 0.04f);
         for (int y = 0; y < h; ++y)
             for (int x = 0; x < w; ++x) {
-                const int m = (std::min(y + r, h - 1) - std::max(y - r, 0)) * (std::min(x + r, w - 1) - std::max(x - r, 0));
+                const int m =
+                    (std::min(y + r, h - 1) - std::max(y - r, 0)) * (std::min(x + r, w - 1) - std::max(x - r, 0));
                 const float b = float(value) / 255.0f;
                 float sum = 0.0f;
                 for (int k = 0; k < m; ++k) sum += b;

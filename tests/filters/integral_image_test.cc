@@ -144,8 +144,10 @@ TEST(IntegralUnpadded, DegenerateSizesWriteOnlyTheZeroBorder) {
                 const bool row_zero = i == 0 && c.w >= 0 && j <= c.w;
                 const bool col_zero = j == 0 && c.h >= 0 && i <= c.h;
                 const uint32_t want = row_zero || col_zero ? 0 : kUntouched;
-                ASSERT_EQ(sum[static_cast<size_t>(i) * ii_stride + j], want) << c.w << "x" << c.h << " " << i << "," << j;
-                ASSERT_EQ(sq[static_cast<size_t>(i) * ii_stride + j], want) << c.w << "x" << c.h << " " << i << "," << j;
+                ASSERT_EQ(sum[static_cast<size_t>(i) * ii_stride + j], want)
+                    << c.w << "x" << c.h << " " << i << "," << j;
+                ASSERT_EQ(sq[static_cast<size_t>(i) * ii_stride + j], want)
+                    << c.w << "x" << c.h << " " << i << "," << j;
             }
         }
     }

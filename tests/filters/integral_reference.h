@@ -16,8 +16,8 @@ struct SummedTables {
 };
 
 // The image extended by `border` replicated pixels on every side.
-inline uint8_t padded_pixel(const uint8_t* src, ptrdiff_t stride, int32_t w, int32_t h, int32_t border,
-                            int32_t y, int32_t x) {
+inline uint8_t padded_pixel(const uint8_t* src, ptrdiff_t stride, int32_t w, int32_t h, int32_t border, int32_t y,
+                            int32_t x) {
     const int32_t sy = std::clamp(y - border, 0, h - 1);
     const int32_t sx = std::clamp(x - border, 0, w - 1);
     return src[sy * stride + sx];
@@ -25,8 +25,7 @@ inline uint8_t padded_pixel(const uint8_t* src, ptrdiff_t stride, int32_t w, int
 
 // Entry (i, j) = sum over padded pixels above row i and left of column j,
 // accumulated in 64 bits and reduced modulo 2^32 at the end.
-inline SummedTables reference_tables(const uint8_t* src, ptrdiff_t stride, int32_t w, int32_t h,
-                                     int32_t border) {
+inline SummedTables reference_tables(const uint8_t* src, ptrdiff_t stride, int32_t w, int32_t h, int32_t border) {
     const int32_t pw = w + 2 * border;
     const int32_t ph = h + 2 * border;
     SummedTables t;

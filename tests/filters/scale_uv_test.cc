@@ -51,8 +51,8 @@ struct Form {
 std::vector<Form> forms() {
     std::vector<Form> all = {{"exported", blc_scale_uv_planar, exported_nv}};
     const auto planar = vector_forms<PlanarFn>({.neon = QIMRA_NEON_FORM(scale_uv_planar_neon),
-                                               .sse41 = QIMRA_X86_FORM(scale_uv_planar_sse41),
-                                               .avx2 = QIMRA_X86_FORM(scale_uv_planar_avx2)});
+                                                .sse41 = QIMRA_X86_FORM(scale_uv_planar_sse41),
+                                                .avx2 = QIMRA_X86_FORM(scale_uv_planar_avx2)});
     const auto nv = vector_forms<InterleavedFn>({.neon = QIMRA_NEON_FORM(scale_uv_nv_neon),
                                                  .sse41 = QIMRA_X86_FORM(scale_uv_nv_sse41),
                                                  .avx2 = QIMRA_X86_FORM(scale_uv_nv_avx2)});
@@ -133,7 +133,7 @@ TEST(ScaleUv, LoopsRunAtLeastOnceAndPointersRunOn) {
     std::vector<uint8_t> in(8, 255), gain(8, 64), out(16, kUntouched), out_uv(32, kUntouched), in_uv(16, 0);
     blc_scale_uv_planar(in.data(), in.data(), out.data(), out.data() + 8, gain.data(), 0, 0);
     blc_scale_uv_nv(in_uv.data(), nullptr, out_uv.data(), nullptr, gain.data(), 0, 0);
-    for (int i = 0; i < 16; ++i) EXPECT_EQ(out[i], 255) << i;  // 128 + 127 * 2 saturates
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(out[i], 255) << i;   // 128 + 127 * 2 saturates
     for (int i = 0; i < 16; ++i) EXPECT_EQ(out_uv[i], 0) << i;  // 128 - 128 * 2 saturates
     for (int i = 16; i < 32; ++i) EXPECT_EQ(out_uv[i], kUntouched) << i;
 }

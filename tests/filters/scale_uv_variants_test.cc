@@ -29,7 +29,8 @@ TEST(ScaleUvVariantsNv410, ScalesOnlyTheFirstComponentIndexesOfItsRowGroups) {
                 for (int i = 0; i < width / 4; ++i) {
                     const size_t j = r * advance + 2 * i;
                     ASSERT_EQ(out[j], cheap_clamp_reference(in[j], gain[j])) << width << "x" << height << " @" << j;
-                    ASSERT_EQ(out[j + 1], cheap_clamp_reference(in[j + 1], gain[j])) << width << "x" << height << " @" << j;
+                    ASSERT_EQ(out[j + 1], cheap_clamp_reference(in[j + 1], gain[j]))
+                        << width << "x" << height << " @" << j;
                     written.insert(j);
                     written.insert(j + 1);
                 }
@@ -46,7 +47,7 @@ TEST(ScaleUvVariantsNv410, NoRoundingTermAndCheapClamp) {
     // 126 where a rounding shift would keep 127), and the clamp's bands.
     struct Case {
         uint8_t c, g, expected;
-    } const cases[] = {{100, 32, 100}, {127, 33, 126}, {129, 33, 129}, {0, 255, 4},  {255, 255, 252},
+    } const cases[] = {{100, 32, 100}, {127, 33, 126},  {129, 33, 129}, {0, 255, 4}, {255, 255, 252},
                        {200, 64, 255}, {255, 160, 254}, {60, 100, 1},   {0, 128, 2}, {128, 250, 128}};
     for (const Case& k : cases) {
         const uint8_t in[8] = {k.c, k.c};

@@ -146,7 +146,8 @@ TEST(ScaleY, BlockRowsAdvanceByTheRoundedWidth) {
                 for (int32_t x = 0; x < cols; ++x) {
                     const int32_t y = by * k.block + r;
                     const size_t at = size_t(by) * (cols + (k.block - 1) * w) + size_t(r) * w + x;
-                    const uint8_t b = k.block == 4 ? p.base[size_t(y) * w + x] : p.base[size_t(y / 2) * (w / 2) + x / 2];
+                    const uint8_t b =
+                        k.block == 4 ? p.base[size_t(y) * w + x] : p.base[size_t(y / 2) * (w / 2) + x / 2];
                     want[at] = uint8_t(t.lut[(p.src[at] << 7) | (b >> 1)]);
                 }
         EXPECT_EQ(p.dst, want) << k.name;

@@ -47,7 +47,8 @@ TEST(ScaleYVariantsQuarter, BlocksMatchTheTableAndLeftoversStayUntouched) {
                         inside ? t.entry(src[size_t(y) * w + x], base[size_t(y / 4) * (w / 4) + x / 4]) : 0xC33C;
                     ASSERT_EQ(dst[size_t(y) * w + x], e & 0xFF) << w << "x" << h << " " << x << "," << y;
                     if (x % 2 == 0 && y % 2 == 0 && y / 2 < h / 2) {
-                        ASSERT_EQ(gain[size_t(y / 2) * (w / 2) + x / 2], e >> 8) << w << "x" << h << " gain " << x << "," << y;
+                        ASSERT_EQ(gain[size_t(y / 2) * (w / 2) + x / 2], e >> 8)
+                            << w << "x" << h << " gain " << x << "," << y;
                     }
                 }
         }
@@ -72,7 +73,8 @@ TEST(ScaleYVariantsQuarter, BlockRowsAdvanceByTheRoundedWidth) {
                     const size_t k = size_t(38 * i + 10 * ry + 4 * j + rx);
                     const uint16_t e = t.entry(src[k], base[size_t(2 * i + j)]);
                     want[k] = uint8_t(e);
-                    if (ry % 2 == 0 && rx % 2 == 0) want_gain[size_t((2 * i + ry / 2) * 5 + 2 * j + rx / 2)] = uint8_t(e >> 8);
+                    if (ry % 2 == 0 && rx % 2 == 0)
+                        want_gain[size_t((2 * i + ry / 2) * 5 + 2 * j + rx / 2)] = uint8_t(e >> 8);
                 }
     EXPECT_EQ(dst, want);
     EXPECT_EQ(gain, want_gain);
@@ -98,15 +100,15 @@ TEST(ScaleYVariantsYuv12, ChromaClampTable) {
     struct Case {
         uint8_t c, g, expected;
     } const cases[] = {
-        {0, 255, 4},     // t = -892: three 256s below, stored 4, not 0
-        {100, 32, 100},  // unity
-        {128, 250, 128}, // neutral stays
-        {127, 33, 126},  // flooring shift: -33 >> 5 = -2
-        {200, 64, 255},  // t = 272
-        {255, 160, 254}, // t = 763
-        {255, 255, 252}, // t = 1140
-        {60, 100, 1},    // t = -85
-        {0, 128, 2},     // t = -384
+        {0, 255, 4},      // t = -892: three 256s below, stored 4, not 0
+        {100, 32, 100},   // unity
+        {128, 250, 128},  // neutral stays
+        {127, 33, 126},   // flooring shift: -33 >> 5 = -2
+        {200, 64, 255},   // t = 272
+        {255, 160, 254},  // t = 763
+        {255, 255, 252},  // t = 1140
+        {60, 100, 1},     // t = -85
+        {0, 128, 2},      // t = -384
     };
     for (const Case& k : cases) {
         uint8_t plane_gain = 0;
@@ -179,8 +181,8 @@ struct Upscale {
         job.rs_src_stride = ws;
         job.rs_src_height = hs;
         job.rs_dst_height = hd;
-        qimra_upscale4_y_enh_mc(&job, src.data(), 4 * ws, dst.data(), 4 * ws, base.data(), gain.data(), 4 * ws,
-                                height, e.c.get());
+        qimra_upscale4_y_enh_mc(&job, src.data(), 4 * ws, dst.data(), 4 * ws, base.data(), gain.data(), 4 * ws, height,
+                                e.c.get());
     }
     uint8_t out(int x, int y) const { return dst[size_t(y) * 4 * ws + x]; }
 };
@@ -258,7 +260,8 @@ TEST(ScaleYVariantsUpscale4, VerticalStepPhaseAndLastRow) {
             }
             const int top = 20 * row + 5, bottom = 20 * std::min(row + 1, g.hs - 1) + 5;
             const int want_b2 = ((16 - f) * top + f * bottom) >> 5;
-            for (int x = 0; x < 12; ++x) ASSERT_EQ(u.out(x, y), 200 - want_b2) << "hs " << g.hs << " at " << x << "," << y;
+            for (int x = 0; x < 12; ++x)
+                ASSERT_EQ(u.out(x, y), 200 - want_b2) << "hs " << g.hs << " at " << x << "," << y;
         }
     }
 }

@@ -64,7 +64,8 @@ protected:
         const Config& p = GetParam();
         reset_globals();
         qimra_ctx* c = nullptr;
-        capture_stderr([&] { capture_stdout([&] { c = qimra_init(p.w, p.h, 0.5f, 0, 0, 0, 0, 0, p.mode, p.format); }); });
+        capture_stderr(
+            [&] { capture_stdout([&] { c = qimra_init(p.w, p.h, 0.5f, 0, 0, 0, 0, 0, p.mode, p.format); }); });
         EXPECT_NE(c, nullptr);
         EngineRun r;
         if (c == nullptr) return r;

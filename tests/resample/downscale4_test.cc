@@ -119,7 +119,8 @@ TEST(Downscale4Frame, OnlyTheTopLeftTwoByTwoOfEachBlockIsRead) {
     fill_random(noise.data(), noise.size(), 99);
     for (int32_t y = 0; y < im.height; ++y)
         for (int32_t x = 0; x < im.stride; ++x)
-            if (y % 4 >= 2 || x % 4 >= 2 || y >= 40 || x >= 196) im.px[size_t(y) * im.stride + x] = noise[y * im.stride + x];
+            if (y % 4 >= 2 || x % 4 >= 2 || y >= 40 || x >= 196)
+                im.px[size_t(y) * im.stride + x] = noise[y * im.stride + x];
     EXPECT_EQ(run_both_cores(im), before);
 }
 

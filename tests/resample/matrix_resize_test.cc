@@ -20,8 +20,7 @@ Bytes resized(const Bytes& src, int sw, int sh, int dw, int dh) {
     return dst;
 }
 
-Bytes resized_zent(Bytes& src, int sw, int sh, int dw, int dh, int interpolation, int src_step = 0,
-                   int dst_step = 0) {
+Bytes resized_zent(Bytes& src, int sw, int sh, int dw, int dh, int interpolation, int src_step = 0, int dst_step = 0) {
     Bytes dst(static_cast<size_t>(dw) * dh, 0xEE);
     u_mat s{sh, sw, src_step ? src_step : sw, src.data()};
     u_mat d{dh, dw, dst_step ? dst_step : dw, dst.data()};
@@ -182,7 +181,8 @@ TEST(ResizeLinearRows, VectorVerticalBlendMatchesPerPixelForm) {
         for (int x = 0; x < width; ++x) {
             // Signed values within +-2^20 keep the products inside int32.
             r0[x] = static_cast<int>((raw[8 * x] | raw[8 * x + 1] << 8 | (raw[8 * x + 2] & 0x1F) << 16)) - (1 << 20);
-            r1[x] = static_cast<int>((raw[8 * x + 4] | raw[8 * x + 5] << 8 | (raw[8 * x + 6] & 0x1F) << 16)) - (1 << 20);
+            r1[x] =
+                static_cast<int>((raw[8 * x + 4] | raw[8 * x + 5] << 8 | (raw[8 * x + 6] & 0x1F) << 16)) - (1 << 20);
         }
         const int b0 = static_cast<int16_t>(raw[3] | raw[7] << 8);
         const int b1 = static_cast<int16_t>(raw[11 % raw.size()] | raw[3] << 8);
@@ -203,17 +203,20 @@ TEST(ResizeLinearImage, RowCacheGivesTheSameRowsAsResizingEachRowAfresh) {
     fill_random(src.data(), src.size(), 77);
     const int xofs[dw] = {0, 1, 2, 4, 6, 7, 8};
     int16_t alpha[2 * dw];
-    for (int i = 0; i < dw; ++i) alpha[2 * i] = static_cast<int16_t>(2048 - 300 * i), alpha[2 * i + 1] = static_cast<int16_t>(300 * i);
+    for (int i = 0; i < dw; ++i)
+        alpha[2 * i] = static_cast<int16_t>(2048 - 300 * i), alpha[2 * i + 1] = static_cast<int16_t>(300 * i);
     const int yofs[dh] = {-1, 0, 0, 1, 3, 2, 2, 4, 5, 5, 7};
     int16_t beta[2 * dh];
-    for (int i = 0; i < dh; ++i) beta[2 * i] = static_cast<int16_t>(2048 - 180 * i), beta[2 * i + 1] = static_cast<int16_t>(180 * i);
+    for (int i = 0; i < dh; ++i)
+        beta[2 * i] = static_cast<int16_t>(2048 - 180 * i), beta[2 * i + 1] = static_cast<int16_t>(180 * i);
     Bytes dst(dw * dh);
     u_mat s{sh, sw, sw, src.data()};
     u_mat d{dh, dw, dw, dst.data()};
     resizeLinear(&s, &d, xofs, alpha, yofs, beta, 0, 6, 2);
     for (int dy = 0; dy < dh; ++dy) {
         std::vector<int> h0(dw), h1(dw);
-        const uint8_t* rows[2] = {&src[std::clamp(yofs[dy], 0, sh - 1) * sw], &src[std::clamp(yofs[dy] + 1, 0, sh - 1) * sw]};
+        const uint8_t* rows[2] = {&src[std::clamp(yofs[dy], 0, sh - 1) * sw],
+                                  &src[std::clamp(yofs[dy] + 1, 0, sh - 1) * sw]};
         int* bufs[2] = {h0.data(), h1.data()};
         hresizeLinear(rows, bufs, 2, xofs, alpha, sw, dw, 1, 0, 6, 2048);
         const int* blend[2] = {h0.data(), h1.data()};

@@ -30,7 +30,8 @@ std::vector<uint8_t> reference(const std::vector<uint8_t>& src, int32_t stride, 
             for (int i = 0; i < 2; ++i)
                 for (int j = 0; j < 2; ++j) {
                     const uint32_t* k = kWeights[i][j];
-                    const uint32_t sum = k[0] * S(y, x) + k[1] * S(y, x + 1) + k[2] * S(y + 1, x) + k[3] * S(y + 1, x + 1);
+                    const uint32_t sum =
+                        k[0] * S(y, x) + k[1] * S(y, x + 1) + k[2] * S(y + 1, x) + k[3] * S(y + 1, x + 1);
                     out[size_t(2 * y + i) * W + 2 * x + j] = uint8_t(sum >> 8);
                 }
     return out;
@@ -72,8 +73,8 @@ TEST(Upscale2Rows, VectorFormMatchesPerPixelForm) {
 TEST(Upscale2Rows, EveryVectorFormMatchesPerPixelForm) {
     using Form = int32_t (*)(const uint8_t*, const uint8_t*, uint8_t*, uint8_t*, int32_t);
     for (const auto& [name, form] : vector_forms<Form>({.neon = QIMRA_NEON_FORM(upscale2_rows_neon),
-                                                        .sse41 = QIMRA_X86_FORM(upscale2_rows_sse41),
-                                                        .avx2 = QIMRA_X86_FORM(upscale2_rows_avx2)}))
+                                    .sse41 = QIMRA_X86_FORM(upscale2_rows_sse41),
+                                    .avx2 = QIMRA_X86_FORM(upscale2_rows_avx2)}))
         for (int32_t w : {16, 17, 18, 31, 32, 33, 48, 49, 64, 65, 97, 480}) {
             std::vector<uint8_t> s0(w), s1(w);
             fill_random(s0.data(), w, 700 + w);

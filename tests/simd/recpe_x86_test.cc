@@ -48,8 +48,8 @@ TEST(RecpeX86, FourLanesMatchTheScalarEstimate) {
     for (size_t i = 0; i + 4 <= in.size(); i += 4) {
         alignas(16) uint32_t out[4];
         _mm_store_si128(reinterpret_cast<__m128i*>(out),
-                        _mm_castps_si128(recpe_f32x4_sse(_mm_castsi128_ps(_mm_loadu_si128(
-                            reinterpret_cast<const __m128i*>(&in[i]))))));
+                        _mm_castps_si128(recpe_f32x4_sse(
+                            _mm_castsi128_ps(_mm_loadu_si128(reinterpret_cast<const __m128i*>(&in[i]))))));
         for (size_t k = 0; k < 4; ++k)
             ASSERT_EQ(out[k], std::bit_cast<uint32_t>(recpe_f32(std::bit_cast<float>(in[i + k]))))
                 << std::hex << "operand 0x" << in[i + k];

@@ -210,12 +210,13 @@ TEST_P(Soak, FramesAreReproducibleAndMemoryStaysFlat) {
     EXPECT_EQ(first.heap_growth, 0);
     EXPECT_EQ(second.heap_growth, 0);
     EXPECT_LE(growth, 2 * 1350) << "resident memory grew by " << growth << " KiB after frame 100";
-    printf("[soak] mode %d: %d frames x 2 passes, %d enhanced, %d decision switches, %.0f frames/s; "
-           "RSS after frame 100 %ld KiB, peak %ld KiB, end %ld KiB (growth %ld KiB); second pass growth %ld KiB; "
-           "%d differing frames; heap growth %ld bytes\n",
-           mode, frames, first.enhanced, first.switches, frames / first.seconds, first.rss_after_warmup_kib,
-           first.rss_peak_kib, first.rss_end_kib, growth, second.rss_peak_kib - second.rss_after_warmup_kib,
-           differing, first.heap_growth);
+    printf(
+        "[soak] mode %d: %d frames x 2 passes, %d enhanced, %d decision switches, %.0f frames/s; "
+        "RSS after frame 100 %ld KiB, peak %ld KiB, end %ld KiB (growth %ld KiB); second pass growth %ld KiB; "
+        "%d differing frames; heap growth %ld bytes\n",
+        mode, frames, first.enhanced, first.switches, frames / first.seconds, first.rss_after_warmup_kib,
+        first.rss_peak_kib, first.rss_end_kib, growth, second.rss_peak_kib - second.rss_after_warmup_kib, differing,
+        first.heap_growth);
     if (mode == 0) {
         EXPECT_EQ(first.enhanced, frames);
     } else {
@@ -223,9 +224,8 @@ TEST_P(Soak, FramesAreReproducibleAndMemoryStaysFlat) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, Soak, testing::Values(0, 1, 2), [](const auto& i) {
-    return "Mode" + std::to_string(i.param);
-});
+INSTANTIATE_TEST_SUITE_P(Modes, Soak, testing::Values(0, 1, 2),
+                         [](const auto& i) { return "Mode" + std::to_string(i.param); });
 
 TEST(SoakCycles, InitTeardownLeaksOnlyTheSecondAnalysisBuffer) {
     const int cycles = env_count("QIMRA_SOAK_CYCLES", 1000);
@@ -260,9 +260,10 @@ TEST(SoakCycles, InitTeardownLeaksOnlyTheSecondAnalysisBuffer) {
         const size_t slack = kept >= 128 * 1024 ? 4096 + 32 : 32;
         EXPECT_GE(leaked, cycles * kept);
         EXPECT_LE(leaked, cycles * (kept + slack)) << "more than the kept buffer leaks per cycle";
-        printf("[soak] %dx%d: %d init/teardown cycles leaked %zu heap bytes (%.2f per cycle; kept buffer %zu bytes), "
-               "RSS growth %ld KiB (%.0f bytes per cycle)\n",
-               w, h, cycles, leaked, static_cast<double>(leaked) / cycles, kept, rss, rss * 1024.0 / cycles);
+        printf(
+            "[soak] %dx%d: %d init/teardown cycles leaked %zu heap bytes (%.2f per cycle; kept buffer %zu bytes), "
+            "RSS growth %ld KiB (%.0f bytes per cycle)\n",
+            w, h, cycles, leaked, static_cast<double>(leaked) / cycles, kept, rss, rss * 1024.0 / cycles);
     }
 }
 

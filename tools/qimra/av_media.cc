@@ -125,8 +125,8 @@ std::vector<uint8_t> encode_image(AVCodecID id, AVPixelFormat format, int width,
     return bytes;
 }
 
-void scale_into(const Picture& p, AVPixelFormat dst_format, bool dst_full, int width, int height,
-                uint8_t* const dst[4], const int dst_linesize[4]) {
+void scale_into(const Picture& p, AVPixelFormat dst_format, bool dst_full, int width, int height, uint8_t* const dst[4],
+                const int dst_linesize[4]) {
     SwsPtr sws(sws_getContext(p.width, p.height, AV_PIX_FMT_YUV420P, width, height, dst_format, kSwsFlags, nullptr,
                               nullptr, nullptr));
     if (!sws) throw ToolError(std::string("cannot convert a picture to ") + av_get_pix_fmt_name(dst_format));
@@ -138,8 +138,8 @@ void scale_into(const Picture& p, AVPixelFormat dst_format, bool dst_full, int w
 }
 
 // Copies 4:2:0 planes of width x height between two layouts.
-void copy_420(const uint8_t* const src[3], const int src_linesize[3], uint8_t* const dst[3],
-              const int dst_linesize[3], int width, int height) {
+void copy_420(const uint8_t* const src[3], const int src_linesize[3], uint8_t* const dst[3], const int dst_linesize[3],
+              int width, int height) {
     for (int plane = 0; plane < 3; ++plane) {
         const int rows = plane == 0 ? height : height / 2;
         const int bytes = plane == 0 ? width : width / 2;
@@ -209,8 +209,8 @@ void AvSource::open(const std::string& path, std::optional<Rational> still_rate)
     const AVCodec* codec = nullptr;
     video_index_ = av_find_best_stream(format_, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
     if (video_index_ < 0 || codec == nullptr)
-        throw file_error(path, video_index_ == AVERROR_DECODER_NOT_FOUND ? "no decoder for its video"
-                                                                         : "holds no picture or video");
+        throw file_error(
+            path, video_index_ == AVERROR_DECODER_NOT_FOUND ? "no decoder for its video" : "holds no picture or video");
     AVStream* st = format_->streams[video_index_];
     if (st->codecpar->width <= 0 || st->codecpar->height <= 0)
         throw file_error(path, "cannot read it: no picture size could be found in it");
@@ -233,7 +233,8 @@ void AvSource::open(const std::string& path, std::optional<Rational> still_rate)
         info_.height += info_.height % 2;
     }
     info_.format = ColourFormat::i420;
-    const AVRational sar = st->sample_aspect_ratio.num > 0 ? st->sample_aspect_ratio : st->codecpar->sample_aspect_ratio;
+    const AVRational sar =
+        st->sample_aspect_ratio.num > 0 ? st->sample_aspect_ratio : st->codecpar->sample_aspect_ratio;
     if (sar.num > 0 && sar.den > 0) info_.aspect = {sar.num, sar.den};
     if (still_) {
         info_.frame_rate = still_rate.value_or(Rational{25, 1});
@@ -246,8 +247,8 @@ void AvSource::open(const std::string& path, std::optional<Rational> still_rate)
         if (st->nb_frames > 0) {
             info_.frame_count = st->nb_frames;
         } else if (format_->duration > 0) {
-            info_.frame_count = static_cast<int64_t>(static_cast<double>(format_->duration) / AV_TIME_BASE *
-                                                     info_.frame_rate.value() + 0.5);
+            info_.frame_count = static_cast<int64_t>(
+                static_cast<double>(format_->duration) / AV_TIME_BASE * info_.frame_rate.value() + 0.5);
         }
     }
 }
@@ -279,9 +280,9 @@ int AvSource::colour_transfer() const { return decoder_->color_trc; }
 int AvSource::colour_space() const { return decoder_->colorspace; }
 
 SwsContext* AvSource::converter(SwsContext* cached, const AVFrame* from, int to_format) {
-    SwsContext* s = sws_getCachedContext(cached, from->width, from->height, static_cast<AVPixelFormat>(from->format),
-                                         from->width, from->height, static_cast<AVPixelFormat>(to_format), kSwsFlags,
-                                         nullptr, nullptr, nullptr);
+    SwsContext* s =
+        sws_getCachedContext(cached, from->width, from->height, static_cast<AVPixelFormat>(from->format), from->width,
+                             from->height, static_cast<AVPixelFormat>(to_format), kSwsFlags, nullptr, nullptr, nullptr);
     if (s == nullptr) {
         const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(from->format));
         throw file_error(name_, std::string("cannot convert its pixel format ") + (name ? name : "?") + " to 4:2:0");
@@ -396,10 +397,9 @@ void ImageWriter::write(const Picture& picture) {
     const Picture& p = as_i420(picture, staging);
     std::vector<uint8_t> bytes;
     if (jpeg_) {
-        bytes = encode_image(AV_CODEC_ID_MJPEG, AV_PIX_FMT_YUVJ420P, width_, height_, p.width, p.height,
-                             [&](AVFrame* f) {
-                                 scale_into(p, AV_PIX_FMT_YUVJ420P, true, p.width, p.height, f->data, f->linesize);
-                             });
+        bytes = encode_image(
+            AV_CODEC_ID_MJPEG, AV_PIX_FMT_YUVJ420P, width_, height_, p.width, p.height,
+            [&](AVFrame* f) { scale_into(p, AV_PIX_FMT_YUVJ420P, true, p.width, p.height, f->data, f->linesize); });
     } else {
         // The whole frame is converted and the picture's own size cut from
         // it, so that an odd picture is exactly the crop of its even frame.

@@ -200,8 +200,9 @@ std::vector<BatchItem> plan_outputs(const std::vector<std::string>& inputs, cons
         if (name.empty()) item.refusal = "has no file name to write under";
         for (size_t j = 0; j < inputs.size() && item.refusal.empty(); ++j)
             if (same_file(out, ins[j]))
-                item.refusal = "writing " + item.output + " would overwrite " +
-                               (j == i ? std::string("the input itself; choose another folder") : "the input " + inputs[j]);
+                item.refusal =
+                    "writing " + item.output + " would overwrite " +
+                    (j == i ? std::string("the input itself; choose another folder") : "the input " + inputs[j]);
         for (size_t k = 0; k < items.size() && item.refusal.empty(); ++k)
             if (items[k].refusal.empty() && same_file(out, outs[k]))
                 item.refusal = "its output " + item.output + " is already the output of " + inputs[k];
@@ -283,7 +284,8 @@ int run_batch(const std::vector<BatchItem>& items, int jobs, bool show_progress,
             if (w->record_fd >= 0 || w->error_fd >= 0) {
                 frames += w->state.frames;
                 if (w->state.expected > 0)
-                    share += std::min(1.0, static_cast<double>(w->state.frames) / static_cast<double>(w->state.expected));
+                    share +=
+                        std::min(1.0, static_cast<double>(w->state.frames) / static_cast<double>(w->state.expected));
                 ++w;
                 continue;
             }

@@ -97,7 +97,8 @@ long long parse_integer(const std::string& option, const std::string& text, long
     errno = 0;
     const long long v = strtoll(text.c_str(), &end, 10);
     if (text.empty() || errno != 0 || *end != '\0' || v < lo || v > hi)
-        usage(option + " '" + text + "' is not a whole number from " + std::to_string(lo) + " to " + std::to_string(hi));
+        usage(option + " '" + text + "' is not a whole number from " + std::to_string(lo) + " to " +
+              std::to_string(hi));
     return v;
 }
 
@@ -129,10 +130,12 @@ bool is_folder(const std::string& path) {
 // Where an enhance writes: one file, standard output, or a folder.
 void check_output(Options& o) {
     const bool several = o.inputs.size() > 1;
-    o.into_folder = o.command == "enhance" && o.output != "-" && (several || o.output.back() == '/' || is_folder(o.output));
+    o.into_folder =
+        o.command == "enhance" && o.output != "-" && (several || o.output.back() == '/' || is_folder(o.output));
     if (!o.into_folder) {
         if (several) usage("more than one input writes into a folder; give -o FOLDER/");
-        if (o.to_given && o.output != "-") usage("--to is for '-o -' and folders; a file's extension tells what to write");
+        if (o.to_given && o.output != "-")
+            usage("--to is for '-o -' and folders; a file's extension tells what to write");
         if (o.to_given && o.media.to != "y4m" && o.media.to != "yuv" && !layout_named(o.media.to))
             usage("--to '" + o.media.to + "' is unknown for '-o -'; use y4m, yuv, i420, yv12, nv12 or nv21");
         if (o.output != "-" && o.input != "-" && same_file(o.output, o.input))
@@ -154,7 +157,8 @@ void check_output(Options& o) {
             if (o.media.to.empty() || to.find('/') != std::string::npos) throw ToolError("");
             output_kind("x." + o.media.to, o.media);
         } catch (const ToolError&) {
-            usage("--to '" + to + "' is not a kind qimra writes; use y4m, yuv, i420, yv12, nv12, nv21, png, jpg "
+            usage("--to '" + to +
+                  "' is not a kind qimra writes; use y4m, yuv, i420, yv12, nv12, nv21, png, jpg "
                   "or a video extension (mp4, mkv, ...)");
         }
     }
@@ -248,7 +252,8 @@ Options parse_command_line(int argc, const char* const* argv) {
     if (o.help) return o;
     if (o.inputs.empty()) usage("no input given; run 'qimra " + o.command + " --help'");
     o.input = o.inputs[0];
-    if (o.output.empty()) usage(o.inputs.size() > 1 ? "no output given; add -o FOLDER/" : "no output given; add -o FILE");
+    if (o.output.empty())
+        usage(o.inputs.size() > 1 ? "no output given; add -o FOLDER/" : "no output given; add -o FILE");
     check_output(o);
     return o;
 }

@@ -122,8 +122,8 @@ Canvas compose_compare(const Picture& before, const Picture& after, const FrameR
     // Panels at most 720 rows high (and at least 256, so the labels fit
     // beside small frames); the curve is a square of the same height.
     const int panel_h = std::clamp(before.height, 256, 720);
-    const int panel_w = std::max(2, static_cast<int>(std::lround(static_cast<double>(before.width) * panel_h /
-                                                                  before.height)));
+    const int panel_w =
+        std::max(2, static_cast<int>(std::lround(static_cast<double>(before.width) * panel_h / before.height)));
     const int margin = 16, title = 48, curve = panel_h;
     Canvas canvas(margin * 4 + panel_w * 2 + curve, title + panel_h + margin, kBackground);
 
@@ -149,8 +149,8 @@ Canvas compose_compare(const Picture& before, const Picture& after, const FrameR
     for (int i = 1; i < 256; ++i)
         canvas.line(px(i - 1), py(report.tone_curve[i - 1]), px(i), py(report.tone_curve[i]), kCurve, 3);
     const int small = 2;
-    const std::string stats = "MID " + std::to_string(report.mid) + "  GAMMA " + decimals(report.gamma, 2) +
-                              "  TOP " + std::to_string(report.top_level);
+    const std::string stats = "MID " + std::to_string(report.mid) + "  GAMMA " + decimals(report.gamma, 2) + "  TOP " +
+                              std::to_string(report.top_level);
     canvas.text(x_curve + 10, title + 10, stats, kLabel, small);
     canvas.text(x_curve + curve - Canvas::text_width("IN", small) - 10, title + curve - 24, "IN", kDim, small);
     canvas.text(x_curve + 10, title + 34, "OUT", kDim, small);

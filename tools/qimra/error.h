@@ -16,8 +16,7 @@ enum ExitCode : int {
 
 class ToolError : public std::runtime_error {
 public:
-    explicit ToolError(const std::string& message, int code = kExitError)
-        : std::runtime_error(message), code_(code) {}
+    explicit ToolError(const std::string& message, int code = kExitError) : std::runtime_error(message), code_(code) {}
     int code() const { return code_; }
 
 private:

@@ -85,9 +85,11 @@ int enhance_file(const Options& o, const FrameCounter& counted) {
     std::unique_ptr<FrameSource> source = open_source(o.input, o.media);
     const StreamInfo& info = source->info();
     if (info.extended() && o.verbose)
-        fprintf(stderr, "qimra: %s: %dx%d is odd; enhanced at %dx%d with its last column and row repeated, "
-                        "then cropped back\n", o.input == "-" ? "standard input" : o.input.c_str(), info.own_width,
-                info.own_height, info.width, info.height);
+        fprintf(stderr,
+                "qimra: %s: %dx%d is odd; enhanced at %dx%d with its last column and row repeated, "
+                "then cropped back\n",
+                o.input == "-" ? "standard input" : o.input.c_str(), info.own_width, info.own_height, info.width,
+                info.height);
     OutputFile out(o.output);
     std::unique_ptr<FrameSink> sink = open_sink(out, o.output, o.media, info, source.get());
     QuietEngine engine(info, o);
@@ -101,17 +103,17 @@ int enhance_file(const Options& o, const FrameCounter& counted) {
         reports.push_back(engine->report());
         counted(++frames, info.frame_count);
     }
-    if (frames == 0)
-        throw file_error(o.input, source->truncation().empty() ? "holds no frames" : source->truncation());
+    if (frames == 0) throw file_error(o.input, source->truncation().empty() ? "holds no frames" : source->truncation());
     sink->finish();
     sink.reset();
     out.commit();
     if (!o.trace.empty()) write_text_file(o.trace, trace_csv(reports));
-    if (!o.plot.empty()) write_text_file(o.plot, trace_svg(reports, "qimra enhance " + o.input + " (mode " +
-                                                                       std::to_string(o.mode) + ")"));
+    if (!o.plot.empty())
+        write_text_file(o.plot,
+                        trace_svg(reports, "qimra enhance " + o.input + " (mode " + std::to_string(o.mode) + ")"));
     if (!source->truncation().empty())
-        throw file_error(o.input, source->truncation() + "; the " + plural(frames, "complete frame") +
-                                      " before it were written",
+        throw file_error(o.input,
+                         source->truncation() + "; the " + plural(frames, "complete frame") + " before it were written",
                          kExitTruncated);
     return kExitOk;
 }

@@ -25,9 +25,11 @@ MediaKind kind_by_extension(const std::string& path, const char* verb) {
     if (ext == ".png" || ext == ".jpg" || ext == ".jpeg") return MediaKind::image;
     for (const char* v : kVideoExtensions)
         if (ext == v) return MediaKind::video;
-    const std::string known = std::string("; qimra ") + verb +
-                              " .y4m, raw frames (.yuv, .i420, .yv12, .nv12, .nv21), .png, .jpg and video files (.mp4, .mkv, .mov, .avi, .webm, .ts, .m4v, .flv)";
-    throw file_error(path, (ext.empty() ? std::string("no extension to tell its kind") : "unknown extension '" + ext + "'") + known);
+    const std::string known =
+        std::string("; qimra ") + verb +
+        " .y4m, raw frames (.yuv, .i420, .yv12, .nv12, .nv21), .png, .jpg and video files (.mp4, .mkv, .mov, .avi, .webm, .ts, .m4v, .flv)";
+    throw file_error(
+        path, (ext.empty() ? std::string("no extension to tell its kind") : "unknown extension '" + ext + "'") + known);
 }
 
 FILE* open_for_reading(const std::string& path, long long& size) {
@@ -97,18 +99,18 @@ std::unique_ptr<FrameSource> open_source(const std::string& path, const MediaOpt
         }
         case MediaKind::raw: {
             if (!options.size)
-                throw file_error(path, "raw YUV has no header: give its frame size with --size WIDTHxHEIGHT "
-                                       "(and --format if it is not i420)", kExitUsage);
+                throw file_error(path,
+                                 "raw YUV has no header: give its frame size with --size WIDTHxHEIGHT "
+                                 "(and --format if it is not i420)",
+                                 kExitUsage);
             check_dimensions(path, options.size->first, options.size->second);
             FILE* f = open_for_reading(path, size);
             const ColourFormat layout = options.raw_format.value_or(layout_named(path).value_or(ColourFormat::i420));
             return std::make_unique<RawReader>(f, path, size, options.size->first, options.size->second, layout,
                                                options.fps.value_or(Rational{25, 1}));
         }
-        case MediaKind::image:
-            return std::make_unique<AvSource>(path, true, options.fps);
-        case MediaKind::video:
-            return std::make_unique<AvSource>(path, false, std::nullopt);
+        case MediaKind::image: return std::make_unique<AvSource>(path, true, options.fps);
+        case MediaKind::video: return std::make_unique<AvSource>(path, false, std::nullopt);
     }
     return nullptr;
 }

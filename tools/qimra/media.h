@@ -42,7 +42,7 @@ enum class MediaKind { y4m, raw, image, video };
 struct MediaOptions {
     std::optional<std::pair<int, int>> size;  // --size WxH: every input is raw frames of that size
     std::optional<ColourFormat> raw_format;   // --format: the raw layout, whatever a name says
-    std::optional<Rational> fps;               // frame rate of raw input and stills
+    std::optional<Rational> fps;              // frame rate of raw input and stills
     std::string to = "y4m";                   // what "-o -" writes: y4m, yuv or a raw layout
     bool raw_output = false;                  // raw frames whatever the output's name (a folder keeps raw names)
     bool quiet = false;

@@ -73,8 +73,10 @@ OutputFile::~OutputFile() {
         if (stream_ != nullptr) fflush(stream_);
         return;
     }
-    if (stream_ != nullptr) fclose(stream_);
-    else if (fd_ >= 0) close(fd_);
+    if (stream_ != nullptr)
+        fclose(stream_);
+    else if (fd_ >= 0)
+        close(fd_);
     if (!committed_ && !temp_.empty()) unlink(temp_.c_str());
     forget_on_interrupt(interrupt_slot_);
 }
@@ -112,7 +114,8 @@ void OutputFile::commit() {
         }
     }
     if (is_stdout()) return;
-    if (rename(temp_.c_str(), target_.c_str()) != 0) throw file_error(target_, "cannot rename into place: " + errno_text());
+    if (rename(temp_.c_str(), target_.c_str()) != 0)
+        throw file_error(target_, "cannot rename into place: " + errno_text());
     committed_ = true;
     forget_on_interrupt(interrupt_slot_);
     interrupt_slot_ = -1;

@@ -11,8 +11,10 @@ namespace {
 std::string clock_text(double seconds) {
     const long s = static_cast<long>(seconds + 0.5);
     char text[32];
-    if (s >= 3600) snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
-    else snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
+    if (s >= 3600)
+        snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    else
+        snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
     return text;
 }
 

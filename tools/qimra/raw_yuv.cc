@@ -29,8 +29,8 @@ ColourFormat parse_format(const std::string& text) {
     throw ToolError("--format '" + text + "' is unknown; use i420, yv12, nv12 or nv21", kExitUsage);
 }
 
-RawReader::RawReader(FILE* in, const std::string& name, long long file_size, int width, int height,
-                     ColourFormat format, Rational frame_rate)
+RawReader::RawReader(FILE* in, const std::string& name, long long file_size, int width, int height, ColourFormat format,
+                     Rational frame_rate)
     : in_(in) {
     name_ = name;
     check_dimensions(name_, width, height);

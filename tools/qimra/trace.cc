@@ -108,8 +108,8 @@ std::string trace_svg(const std::vector<FrameReport>& reports, const std::string
             svg += "<line x1=\"" + std::to_string(kLeft) + "\" y1=\"" + fixed(y, 1) + "\" x2=\"" +
                    std::to_string(kLeft + plot_w) + "\" y2=\"" + fixed(y, 1) + "\" stroke=\"#e0e0e0\"/>\n";
             const std::string label = se.steps ? (v > 0.5 ? "on" : "off") : fixed(v, v_step < 1.0 ? 1 : 0);
-            svg += "<text x=\"" + std::to_string(kLeft - 6) + "\" y=\"" + fixed(y + 4, 1) +
-                   "\" text-anchor=\"end\">" + label + "</text>\n";
+            svg += "<text x=\"" + std::to_string(kLeft - 6) + "\" y=\"" + fixed(y + 4, 1) + "\" text-anchor=\"end\">" +
+                   label + "</text>\n";
         }
         // Frame ticks.
         for (double f = 0.0; f <= x_span + 1e-9; f += frame_step) {
@@ -123,7 +123,8 @@ std::string trace_svg(const std::vector<FrameReport>& reports, const std::string
         std::string points;
         for (size_t i = 0; i < n; ++i) {
             const double v = se.value(reports[i]);
-            if (se.steps && i > 0) points += fixed(x_of(static_cast<double>(i)), 1) + "," + fixed(y_of(se.value(reports[i - 1])), 1) + " ";
+            if (se.steps && i > 0)
+                points += fixed(x_of(static_cast<double>(i)), 1) + "," + fixed(y_of(se.value(reports[i - 1])), 1) + " ";
             points += fixed(x_of(static_cast<double>(i)), 1) + "," + fixed(y_of(v), 1) + " ";
         }
         if (n == 1) points += fixed(x_of(x_span), 1) + "," + fixed(y_of(se.value(reports[0])), 1);

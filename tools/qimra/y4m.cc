@@ -65,11 +65,11 @@ Y4mHeader parse_y4m_header(const std::string& line, const std::string& file) {
             case 'W':
             case 'H':
                 if (!parse_int(value, v))
-                    throw file_error(file, std::string("malformed Y4M header: ") + key + " tag '" + tag +
-                                               "' is not a number");
+                    throw file_error(
+                        file, std::string("malformed Y4M header: ") + key + " tag '" + tag + "' is not a number");
                 if (v <= 0 || v > 1000000000)
-                    throw file_error(file, std::string("malformed Y4M header: ") +
-                                               (key == 'W' ? "width " : "height ") + value + " is not a frame size");
+                    throw file_error(file, std::string("malformed Y4M header: ") + (key == 'W' ? "width " : "height ") +
+                                               value + " is not a frame size");
                 (key == 'W' ? h.width : h.height) = static_cast<int>(v);
                 (key == 'W' ? have_w : have_h) = true;
                 break;
@@ -89,11 +89,8 @@ Y4mHeader parse_y4m_header(const std::string& line, const std::string& file) {
                 h.kept_tags += " " + tag;
                 break;
             case 'I':
-            case 'X':
-                h.kept_tags += " " + tag;
-                break;
-            default:
-                throw file_error(file, "malformed Y4M header: unknown tag '" + tag + "'");
+            case 'X': h.kept_tags += " " + tag; break;
+            default: throw file_error(file, "malformed Y4M header: unknown tag '" + tag + "'");
         }
     }
     if (!have_w) throw file_error(file, "malformed Y4M header: no W (width) tag");
@@ -118,8 +115,8 @@ Y4mReader::Y4mReader(FILE* in, const std::string& name, long long file_size) : i
     if (!read_line(in_.get(), line, kMaxHeaderLine)) {
         if (line.compare(0, strlen(kMagic), kMagic) != 0 && line.size() >= strlen(kMagic))
             throw file_error(name_, "not a Y4M stream (it does not start with YUV4MPEG2)");
-        throw file_error(name_, line.empty() ? "empty input: no Y4M header"
-                                             : "malformed Y4M header: the header line has no end");
+        throw file_error(
+            name_, line.empty() ? "empty input: no Y4M header" : "malformed Y4M header: the header line has no end");
     }
     const Y4mHeader h = parse_y4m_header(line, name_);
     check_dimensions(name_, h.width, h.height);
@@ -146,8 +143,8 @@ bool Y4mReader::read(Picture& picture) {
             truncation_ = "the input ends inside the header of frame " + std::to_string(frames_read_);
             return false;
         }
-        throw file_error(name_, "malformed Y4M stream: frame " + std::to_string(frames_read_) +
-                                    " does not start with FRAME");
+        throw file_error(name_,
+                         "malformed Y4M stream: frame " + std::to_string(frames_read_) + " does not start with FRAME");
     }
     if (!whole) {
         truncation_ = "the input ends inside the header of frame " + std::to_string(frames_read_);

@@ -2,8 +2,8 @@
 // untouched (outputs are only ever renamed into place), and an interrupt
 // (SIGINT, SIGTERM) also removes the temporary file. SIGKILL cannot be
 // caught: its temporary file stays behind, the target is still intact.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -38,7 +38,8 @@ std::vector<fs::path> temp_files(const fs::path& dir) {
 class FaultToolKilled : public testing::TestWithParam<int> {
 protected:
     void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("qimra-kill-" + std::to_string(getpid()) + "-" + std::to_string(GetParam()));
+        dir_ =
+            fs::temp_directory_path() / ("qimra-kill-" + std::to_string(getpid()) + "-" + std::to_string(GetParam()));
         fs::remove_all(dir_);
         fs::create_directories(dir_);
     }
@@ -155,10 +156,9 @@ TEST(FaultBatchInterrupted, StopsEveryWorkerAndLeavesNoTemporaryFile) {
     fs::remove_all(dir);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, FaultToolKilled, testing::Values(SIGKILL, SIGINT, SIGTERM),
-                         [](const auto& i) {
-                             return std::string(i.param == SIGKILL ? "SIGKILL" : i.param == SIGINT ? "SIGINT" : "SIGTERM");
-                         });
+INSTANTIATE_TEST_SUITE_P(Signals, FaultToolKilled, testing::Values(SIGKILL, SIGINT, SIGTERM), [](const auto& i) {
+    return std::string(i.param == SIGKILL ? "SIGKILL" : i.param == SIGINT ? "SIGINT" : "SIGTERM");
+});
 
 }  // namespace
 }  // namespace qimra::tool

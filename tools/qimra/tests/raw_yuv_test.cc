@@ -43,14 +43,21 @@ TEST(RawYuvOptions, SizesAndFormatsAreParsedOrRefused) {
 TEST(RawYuvReader, AFileMustHoldWholeFrames) {
     const size_t frame = frame_bytes(16, 8);
     std::string msg;
-    EXPECT_EQ(code_of([&] { RawReader(stream_of(std::vector<uint8_t>(frame * 2 + 1)), "a.yuv", frame * 2 + 1, 16, 8,
-                                      ColourFormat::i420, {25, 1}); },
-                      &msg),
+    EXPECT_EQ(code_of(
+                  [&] {
+                      RawReader(stream_of(std::vector<uint8_t>(frame * 2 + 1)), "a.yuv", frame * 2 + 1, 16, 8,
+                                ColourFormat::i420, {25, 1});
+                  },
+                  &msg),
               kExitError);
     EXPECT_NE(msg.find("a.yuv: 385 bytes is not a whole number of 16x8 i420 frames (192 bytes each)"),
               std::string::npos)
         << msg;
-    EXPECT_EQ(code_of([&] { RawReader(stream_of({}), "a.yuv", 0, 16, 8, ColourFormat::i420, {25, 1}); }, &msg),
+    EXPECT_EQ(code_of(
+                  [&] {
+                      RawReader(stream_of({}), "a.yuv", 0, 16, 8, ColourFormat::i420, {25, 1});
+                  },
+                  &msg),
               kExitError);
     EXPECT_NE(msg.find("empty file"), std::string::npos);
 

@@ -273,7 +273,8 @@ TEST_F(ToolTest, OddPicturesAndVideosKeepTheirSize) {
         // Every picture and video output keeps the size; Y4M cannot hold it.
         for (const char* out : {"out.jpg", "out.mp4", "out.webm"}) {
             ASSERT_EQ(run(std::string("enhance odd.mkv -o ") + out).code, 0) << out;
-            shell(std::string("ffprobe -v error -show_entries stream=width,height -of csv=p=0 ") + out + " > probe.txt");
+            shell(std::string("ffprobe -v error -show_entries stream=width,height -of csv=p=0 ") + out +
+                  " > probe.txt");
             EXPECT_EQ(read_file(path("probe.txt")), std::to_string(w) + "," + std::to_string(h) + "\n") << out;
         }
         const Result r = run("enhance odd.png -o out.y4m");
@@ -322,8 +323,9 @@ TEST_F(ToolTest, StandardOutputCarriesOnlyTheStream) {
     EXPECT_TRUE(read_file(path("piped.yuv")) == want_raw);
 
     // A pipe straight into ffmpeg reads as a valid stream.
-    shell(kTool + " enhance in.y4m -o - --quiet 2>/dev/null | ffmpeg -nostdin -v error -f yuv4mpegpipe -i - "
-                  "-f rawvideo -pix_fmt yuv420p -y decoded.yuv");
+    shell(kTool +
+          " enhance in.y4m -o - --quiet 2>/dev/null | ffmpeg -nostdin -v error -f yuv4mpegpipe -i - "
+          "-f rawvideo -pix_fmt yuv420p -y decoded.yuv");
     EXPECT_TRUE(read_file(path("decoded.yuv")).size() == 4 * frame_bytes(640, 480));
 }
 
@@ -356,8 +358,10 @@ TEST_F(ToolTest, PicturesInAndOut) {
 
 TEST_F(ToolTest, VideoFilesKeepTheirFramesTimingAndAudio) {
     // A short clip of a real photograph with a tone on it.
-    shell("ffmpeg -nostdin -v error -y -loop 1 -i " + kMedia + "/photos/water.jpg -f lavfi -i sine=frequency=440 "
-          "-vf scale=640:360,format=yuv420p -r 25 -t 0.8 -c:v libx264 -preset ultrafast -qp 0 -c:a aac -shortest clip.mp4");
+    shell(
+        "ffmpeg -nostdin -v error -y -loop 1 -i " + kMedia +
+        "/photos/water.jpg -f lavfi -i sine=frequency=440 "
+        "-vf scale=640:360,format=yuv420p -r 25 -t 0.8 -c:v libx264 -preset ultrafast -qp 0 -c:a aac -shortest clip.mp4");
     ASSERT_EQ(run("enhance clip.mp4 -o clip.y4m --mode 0").code, 0);
     Y4m y;
     ASSERT_TRUE(parse_y4m(read_file(path("clip.y4m")), y));
@@ -367,14 +371,16 @@ TEST_F(ToolTest, VideoFilesKeepTheirFramesTimingAndAudio) {
     EXPECT_TRUE(y.frames[0] == enhanced({first}, 640, 360, Mode::fixed)[0]) << "lossless input decodes exactly";
 
     auto probe = [&](const std::string& file, const std::string& what) {
-        shell("ffprobe -v error " + what + " -of csv=p=0 " + file + " | grep -v '^$' | cut -d, -f1-3 | sed 's/,$//' > probe.txt");
+        shell("ffprobe -v error " + what + " -of csv=p=0 " + file +
+              " | grep -v '^$' | cut -d, -f1-3 | sed 's/,$//' > probe.txt");
         return read_file(path("probe.txt"));
     };
     const std::string audio_in = probe("clip.mp4", "-select_streams a -show_entries packet=size");
     for (const char* ext : {"mp4", "mkv", "mov"}) {
         const std::string out = std::string("clip_out.") + ext;
         ASSERT_EQ(run("enhance clip.mp4 -o " + out + " --mode 0").code, 0) << ext;
-        EXPECT_EQ(probe(out, "-select_streams v -show_entries stream=codec_name,width,height"), "h264,640,360\n") << ext;
+        EXPECT_EQ(probe(out, "-select_streams v -show_entries stream=codec_name,width,height"), "h264,640,360\n")
+            << ext;
         EXPECT_EQ(probe(out, "-select_streams v -count_frames -show_entries stream=nb_read_frames"), "20\n") << ext;
         EXPECT_EQ(probe(out, "-select_streams a -show_entries packet=size"), audio_in) << ext << ": audio copied";
         const Frame back = decode_i420(out);
@@ -407,7 +413,8 @@ TEST_F(ToolTest, ABatchIntoAFolderEqualsOneByOneRuns) {
         for (const auto& e : fs::directory_iterator(path("batch"))) names.push_back(e.path().filename().string());
         std::sort(names.begin(), names.end());
         EXPECT_EQ(names, good) << "each result under its input's name, and nothing else";
-        for (const std::string& f : good) EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f))) << f;
+        for (const std::string& f : good)
+            EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f))) << f;
     }
     // --to names the kind of every result; all good, all written.
     write_file(path("e.y4m"), y4m_of(640, 480, {photos[2]}));
@@ -512,8 +519,9 @@ TEST_F(ToolTest, ATruncatedLastFrameKeepsTheCompleteFrames) {
     write_file(path("cut.y4m"), y4m);
     const Result r = run("enhance cut.y4m -o out.y4m --mode 0 --trace out.csv");
     EXPECT_EQ(r.code, kExitTruncated);
-    EXPECT_EQ(r.err, "qimra: cut.y4m: frame 3 is truncated (459800 of 460800 bytes); the 3 complete frames before it "
-                     "were written\n");
+    EXPECT_EQ(r.err,
+              "qimra: cut.y4m: frame 3 is truncated (459800 of 460800 bytes); the 3 complete frames before it "
+              "were written\n");
     Y4m y;
     ASSERT_TRUE(parse_y4m(read_file(path("out.y4m")), y));
     ASSERT_EQ(y.frames.size(), 3u);

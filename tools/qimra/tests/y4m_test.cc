@@ -102,14 +102,16 @@ TEST(Y4mReader, FramesComeOutInOrderUntilTheEnd) {
 }
 
 TEST(Y4mReader, TheFrameCountFollowsFromTheFileSize) {
-    const std::string body = "YUV4MPEG2 W16 H8\n" + ("FRAME\n" + frame_bytes_of(16, 8, 0)) + ("FRAME\n" + frame_bytes_of(16, 8, 0));
+    const std::string body =
+        "YUV4MPEG2 W16 H8\n" + ("FRAME\n" + frame_bytes_of(16, 8, 0)) + ("FRAME\n" + frame_bytes_of(16, 8, 0));
     Y4mReader r(stream_of(body), "in.y4m", static_cast<long long>(body.size()));
     EXPECT_EQ(r.info().frame_count, 2);
 }
 
 TEST(Y4mReader, ATruncatedLastFrameIsReportedAfterTheCompleteOnes) {
     const std::string full = frame_bytes_of(16, 8, 3);
-    for (const std::string& tail : {std::string("FRAME\n") + full.substr(0, 100), std::string("FRA"), std::string("FRAME")}) {
+    for (const std::string& tail :
+         {std::string("FRAME\n") + full.substr(0, 100), std::string("FRA"), std::string("FRAME")}) {
         Y4mReader r(stream_of("YUV4MPEG2 W16 H8\nFRAME\n" + full + tail), "in.y4m", -1);
         Picture p;
         EXPECT_TRUE(r.read(p));
@@ -129,8 +131,9 @@ TEST(Y4mReader, GarbageBetweenFramesIsMalformed) {
 TEST(Y4mReader, SizesAreCheckedBeforeAnyFrameIsRead) {
     EXPECT_NE(error_of([] { Y4mReader(stream_of("YUV4MPEG2 W17 H8\n"), "o.y4m", -1); }).find("odd dimensions 17x8"),
               std::string::npos);
-    EXPECT_NE(error_of([] { Y4mReader(stream_of("YUV4MPEG2 W99999 H99999\n"), "o.y4m", -1); })
-                  .find("absurd frame size 99999x99999"),
+    EXPECT_NE(error_of([] {
+                  Y4mReader(stream_of("YUV4MPEG2 W99999 H99999\n"), "o.y4m", -1);
+              }).find("absurd frame size 99999x99999"),
               std::string::npos);
     EXPECT_NE(error_of([] { Y4mReader(stream_of(""), "o.y4m", -1); }).find("empty input"), std::string::npos);
 }
