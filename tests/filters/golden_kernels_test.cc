@@ -28,9 +28,10 @@ Bytes bytes_of(const std::vector<T>& v) {
     return b;
 }
 
-Bytes cat(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
+Bytes cat(const Bytes& a, const Bytes& b) {
+    Bytes out(a.size() + b.size());
+    std::copy(b.begin(), b.end(), std::copy(a.begin(), a.end(), out.begin()));
+    return out;
 }
 
 struct Golden {
