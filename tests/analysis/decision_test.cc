@@ -130,77 +130,59 @@ protected:
     ctx* c = nullptr;
 };
 
+// A state before the frame (scene, mode, configured gamma, frame count,
+// the previous slot's mid, gamma and apply, on_count, off_count, top) and
+// after it (result, which is also the apply recorded, mid, gamma, counters,
+// top, which the table was built with).
 struct Step {
-    const char* why;
     char scene;
     int mode;
-    float cfg;  // configured gamma
+    float cfg;
     int frames, mid0;
     float g0;
-    int apply0, on0, off0, top0;
-    // After the frame: its result, the curve recorded, the counters, the
-    // top level and the top the table was built with.
-    int result, mid;
+    int apply0, on0, off0, top0, result, mid;
     float g;
-    int applied, on, off, top, table_top;
+    int on, off, top;
 };
 
 const Step kSteps[] = {
-    {"first frame: mid 144 kept, gamma 0 raised to the configured", 'B', 2, .5f, 0, 0, 1, 0, 0, 0, 255,  //
-     1, 144, .5f, 1, 0, 0, 254, 254},
-    {"first frame: configured 0.1 still floors at 0.2", 'B', 2, .1f, 0, 0, 1, 0, 0, 0, 255,  //
-     1, 144, .2f, 1, 0, 0, 254, 254},
-    {"first frame: configured 1.5 caps at 0.99", 'B', 2, 1.5f, 0, 0, 1, 0, 0, 0, 255,  //
-     1, 144, .99f, 1, 0, 0, 254, 254},
-    {"first frame: 100 + 0.6 * 44, gamma 1 - 0.6", 'M', 2, .3f, 0, 0, 1, 0, 0, 0, 255,  //
-     1, 126, 1 - .6f, 1, 0, 0, 254, 254},
-    {"first frame: dark scene, mid - 45, gamma + 1.55 capped", 'D', 2, .3f, 0, 0, 1, 0, 0, 0, 255,  //
-     1, 85, .99f, 1, 0, 0, 254, 254},
-    {"first frame, no candidate: the identity, result 0", 'N', 2, .5f, 0, 0, 1, 0, 0, 0, 255,  //
-     0, 100, .99f, 0, 0, 0, 255, 255},
-    {"first held candidate: on_count climbs by two", 'B', 2, .5f, 5, 100, .99f, 0, 0, 0, 255,  //
-     0, 100, .99f, 0, 2, 0, 255, 255},
-    {"on_count 29 still holds", 'B', 2, .5f, 5, 100, .99f, 0, 29, 3, 255,  //
-     0, 100, .99f, 0, 31, 0, 255, 255},
-    {"on_count 30 switches on next to the identity", 'B', 2, .5f, 5, 100, .99f, 0, 30, 0, 255,  //
-     1, 100, .99f, 1, 31, 0, 254, 254},
-    {"running: one step in mid and gamma", 'B', 2, .5f, 40, 110, .8f, 1, 31, 7, 240,  //
-     1, 111, .8f - .01f, 1, 32, 0, 239, 239},
-    {"running: the top stops at 230", 'B', 2, .5f, 40, 110, .8f, 1, 31, 0, 230,  //
-     1, 111, .8f - .01f, 1, 32, 0, 230, 230},
-    {"running: mid above 144 is cut to 144", 'B', 2, .5f, 40, 150, .8f, 1, 31, 0, 231,  //
-     1, 144, .8f - .01f, 1, 32, 0, 230, 230},
-    {"running: dark scene steps mid down and gamma up", 'D', 2, .3f, 40, 90, .5f, 1, 31, 0, 240,  //
-     1, 89, .5f + .01f, 1, 32, 0, 239, 239},
-    {"running: gamma below the configured is raised", 'B', 2, .5f, 40, 144, .4f, 1, 0, 0, 240,  //
-     1, 144, .5f, 1, 1, 0, 239, 239},
-    {"switching off held: a new curve, off_count by two", 'N', 2, .5f, 40, 110, .8f, 1, 40, 0, 240,  //
-     1, 111, .8f - .01f, 1, 0, 2, 239, 239},
-    {"off_count 29 still holds", 'N', 2, .5f, 40, 110, .8f, 1, 0, 29, 240,  //
-     1, 111, .8f - .01f, 1, 0, 31, 239, 239},
-    {"off_count 30 relaxes: one step back", 'N', 2, .5f, 40, 110, .8f, 1, 0, 30, 240,  //
-     1, 109, .8f + .01f, 1, 0, 31, 241, 241},
-    {"relaxing: mid 101 lands on 100, gamma stops at 0.99", 'N', 2, .5f, 40, 101, .985f, 1, 0, 40, 254,  //
-     1, 100, .99f, 1, 0, 41, 255, 255},
-    {"relaxing: mid 102 steps to 101, top stays at 255", 'N', 2, .5f, 40, 102, .9f, 1, 0, 40, 255,  //
-     1, 101, .9f + .01f, 1, 0, 41, 255, 255},
-    {"relaxing: gamma short of 0.99 is one more step", 'N', 2, .5f, 40, 100, .98f, 1, 0, 40, 250,  //
-     1, 100, .99f, 1, 0, 41, 251, 251},
-    {"identity reached: the frame's answer, top left alone", 'N', 2, .5f, 40, 100, .99f, 1, 0, 40, 250,  //
-     0, 100, .99f, 0, 0, 41, 250, 255},
-    {"no candidate twice: on_count cleared", 'N', 2, .5f, 40, 100, .99f, 0, 12, 3, 255,  //
-     0, 100, .99f, 0, 0, 4, 255, 255},
-    {"candidate after a relaxing step: on at once", 'B', 2, .5f, 10, 120, .91f, 1, 0, 31, 245,  //
-     1, 121, .91f - .01f, 1, 1, 0, 244, 244},
-    {"mode 1 first frame: the identity, result 1", 'B', 1, .5f, 0, 0, 1, 0, 0, 0, 255,  //
-     1, 100, .99f, 1, 0, 0, 255, 255},
-    {"mode 1 running: relaxes instead of building", 'B', 1, .5f, 40, 120, .9f, 1, 5, 0, 240,  //
-     1, 119, .9f + .01f, 1, 6, 0, 241, 241},
+    {'B', 2, .5f, 0, 0, 1, 0, 0, 0, 255, 1, 144, .5f, 0, 0, 254},        // first: mid 144 kept, gamma 0 raised
+    {'B', 2, .1f, 0, 0, 1, 0, 0, 0, 255, 1, 144, .2f, 0, 0, 254},        // floor 0.2
+    {'B', 2, 1.5f, 0, 0, 1, 0, 0, 0, 255, 1, 144, .99f, 0, 0, 254},      // cap 0.99
+    {'M', 2, .3f, 0, 0, 1, 0, 0, 0, 255, 1, 126, 1 - .6f, 0, 0, 254},    // 100 + 0.6 * 44, gamma 1 - 0.6
+    {'D', 2, .3f, 0, 0, 1, 0, 0, 0, 255, 1, 85, .99f, 0, 0, 254},        // dark: mid - 45, gamma + 1.55
+    {'N', 2, .5f, 0, 0, 1, 0, 0, 0, 255, 0, 100, .99f, 0, 0, 255},       // no candidate: identity
+    {'B', 2, .5f, 5, 100, .99f, 0, 0, 0, 255, 0, 100, .99f, 2, 0, 255},  // first held candidate: on_count climbs by two
+    {'B', 2, .5f, 5, 100, .99f, 0, 29, 3, 255, 0, 100, .99f, 31, 0, 255},  // on_count 29 still holds
+    {'B', 2, .5f, 5, 100, .99f, 0, 30, 0, 255, 1, 100, .99f, 31, 0,
+     254},  // on_count 30 switches on next to the identity
+    {'B', 2, .5f, 40, 110, .8f, 1, 31, 7, 240, 1, 111, .8f - .01f, 32, 0, 239},  // running: one step in mid and gamma
+    {'B', 2, .5f, 40, 110, .8f, 1, 31, 0, 230, 1, 111, .8f - .01f, 32, 0, 230},  // running: the top stops at 230
+    {'B', 2, .5f, 40, 150, .8f, 1, 31, 0, 231, 1, 144, .8f - .01f, 32, 0, 230},  // running: mid above 144 is cut to 144
+    {'D', 2, .3f, 40, 90, .5f, 1, 31, 0, 240, 1, 89, .5f + .01f, 32, 0,
+     239},  // running: dark scene steps mid down and gamma up
+    {'B', 2, .5f, 40, 144, .4f, 1, 0, 0, 240, 1, 144, .5f, 1, 0, 239},  // running: gamma below the configured is raised
+    {'N', 2, .5f, 40, 110, .8f, 1, 40, 0, 240, 1, 111, .8f - .01f, 0, 2,
+     239},  // switching off held: a new curve, off_count by two
+    {'N', 2, .5f, 40, 110, .8f, 1, 0, 29, 240, 1, 111, .8f - .01f, 0, 31, 239},  // off_count 29 still holds
+    {'N', 2, .5f, 40, 110, .8f, 1, 0, 30, 240, 1, 109, .8f + .01f, 0, 31, 241},  // off_count 30 relaxes: one step back
+    {'N', 2, .5f, 40, 101, .985f, 1, 0, 40, 254, 1, 100, .99f, 0, 41,
+     255},  // relaxing: mid 101 lands on 100, gamma stops at 0.99
+    {'N', 2, .5f, 40, 102, .9f, 1, 0, 40, 255, 1, 101, .9f + .01f, 0, 41,
+     255},  // relaxing: mid 102 steps to 101, top stays at 255
+    {'N', 2, .5f, 40, 100, .98f, 1, 0, 40, 250, 1, 100, .99f, 0, 41,
+     251},  // relaxing: gamma short of 0.99 is one more step
+    {'N', 2, .5f, 40, 100, .99f, 0, 12, 3, 255, 0, 100, .99f, 0, 4, 255},  // no candidate twice: on_count cleared
+    {'B', 2, .5f, 10, 120, .91f, 1, 0, 31, 245, 1, 121, .91f - .01f, 1, 0,
+     244},                                                          // candidate after a relaxing step: on at once
+    {'B', 1, .5f, 0, 0, 1, 0, 0, 0, 255, 1, 100, .99f, 0, 0, 255},  // mode 1: identity, result 1
+    {'B', 1, .5f, 40, 120, .9f, 1, 5, 0, 240, 1, 119, .9f + .01f, 6, 0,
+     241},  // mode 1 running: relaxes instead of building
 };
 
 TEST_F(DecisionFrames, OneFrameFromAGivenState) {
     for (const Step& s : kSteps) {
-        SCOPED_TRACE(s.why);
+        SCOPED_TRACE(testing::Message() << "step " << &s - kSteps);
         start(s.cfg, s.mode);
         scene(s.scene);
         c->frame_count = s.frames;
@@ -214,11 +196,11 @@ TEST_F(DecisionFrames, OneFrameFromAGivenState) {
         EXPECT_EQ(frame(), s.result);
         EXPECT_EQ(c->strength_hist[last()], s.mid);
         EXPECT_EQ(c->gain_f[last()], s.g);
-        EXPECT_EQ(c->aux_hist[last()], s.applied);
+        EXPECT_EQ(c->aux_hist[last()], s.result);
         EXPECT_EQ(c->on_count, s.on);
         EXPECT_EQ(c->off_count, s.off);
         EXPECT_EQ(c->prev_top_level, s.top);
-        expect_table(s.g, s.mid, s.table_top);
+        expect_table(s.g, s.mid, s.top);
         EXPECT_EQ(c->frames_enhanced + 2 * c->frames_plain, s.result ? 1 : 2);
     }
 }
