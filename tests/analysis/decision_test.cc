@@ -1,11 +1,11 @@
-// The quality decision: its scene measures and rules, and its hysteresis
-// over sequences of frames driven the way the frame drives it.
+// The quality decision: its scene rules at both sides of every threshold,
+// and its hysteresis and curve steps one frame at a time from a given state.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <memory>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "analysis/decision.h"
@@ -15,91 +15,75 @@
 namespace qimra {
 namespace {
 
-TEST(DecisionMeasures, EntropyBandsLeaveOutBin255) {
+TEST(DecisionMeasures, EntropyBandsSplitAtTheirEdgesAndLeaveOutBin255) {
     std::vector<uint32_t> hist(256, 0);
-    hist[100] = 500;
-    hist[255] = 500;
-    EntropyBands e = entropy_bands(hist.data(), 1000);
-    EXPECT_NEAR(e.mid_low, -0.50005f, 1e-5f);  // 0.5 * log10(0.5) / 0.301
-    EXPECT_EQ(e.dark, 0.0f);
-    EXPECT_EQ(e.mid_high, 0.0f);
-    EXPECT_EQ(e.bright, 0.0f);
-
-    // The shares are taken of the pixel count given, not of the bins' sum.
-    hist[255] = 0;
-    EXPECT_EQ(entropy_bands(hist.data(), 1000).mid_low, e.mid_low);
-
-    std::vector<uint32_t> spread(256, 0);
-    for (int b = 0; b < 255; ++b) spread[b] = 4;  // 255 equal bins
-    e = entropy_bands(spread.data(), 1020);
-    EXPECT_NEAR(e.total(), -std::log10(255.0) / 0.301, 1e-4);
-    EXPECT_NEAR(e.dark, 72.0 / 255.0 * -std::log10(255.0) / 0.301, 1e-4);
+    for (int b : {71, 72, 127, 128, 159, 160, 254, 255}) hist[b] = 100;
+    const EntropyBands e = entropy_bands(hist.data(), 800);
+    EXPECT_NEAR(e.dark, -0.375037f, 1e-5f);  // 1/8 * log10(1/8) / 0.301
+    EXPECT_EQ(e.mid_low, 2 * e.dark);
+    EXPECT_EQ(e.mid_high, 2 * e.dark);
+    EXPECT_EQ(e.bright, 2 * e.dark);  // 160 and 254, not 255
 }
 
-TEST(DecisionMeasures, RegionWeight) {
+TEST(DecisionMeasures, RegionWeightAndScore) {
     feature_vect regions[kRegionCount] = {};
-    for (feature_vect& r : regions) r.peak_mass = 1.0f;
-    EXPECT_EQ(region_weight(regions), 1.0f);
-
-    for (feature_vect& r : regions) r.peak_mass = 0.0f;
-    regions[3].peak_mass = 0.5f;
     regions[3].peak_mean = 40.0f;
-    EXPECT_FLOAT_EQ(region_weight(regions), std::exp(-1.0f));
-
-    // An empty dominant peak (mean 0/0, mass 0) makes the weight NaN.
-    regions[5].peak_mean = NAN;
+    regions[3].peak_mass = 0.5f;
+    EXPECT_FLOAT_EQ(region_weight(regions), std::exp(-1.0f));  // weighted by mass only
+    regions[5].peak_mean = NAN;                                // an empty dominant peak (0/0) spoils the weight
     EXPECT_TRUE(std::isnan(region_weight(regions)));
-}
 
-TEST(DecisionMeasures, ScoreWeighsEachTerm) {
     feature_vect g{};
-    g.band_dark = 0.5f;
-    g.band_bright = 0.25f;
-    g.band_mid_low = 0.125f;
-    g.band_mid_high = 0.125f;
-    g.valley_mass = 0.5f;
     g.peak_ratio_log = 2.0f;
+    g.valley_mass = g.band_dark = 0.5f;
+    g.band_mid_low = g.band_mid_high = 0.125f;
+    g.band_bright = 0.25f;
     feature_vect sorted[13] = {};
     for (int i = 0; i < 4; ++i) sorted[i].posn_wt = 650.0f;
-    sorted[4].posn_wt = 1e9f;  // only the four smallest count
-    // 0.5 - 650 * 4 * 0.25 / 650 - 0.25 + 0.25 + 1.5
-    EXPECT_EQ(scene_score(g, sorted, 0.75f), 1.0f);
+    sorted[4].posn_wt = 1e9f;                        // only the four smallest count
+    EXPECT_EQ(scene_score(g, sorted, 0.75f), 1.0f);  // 0.5 - 1 - 0.25 + 0.25 + 1.5
 }
 
-TEST(DecisionMeasures, RulesApplyInOrder) {
-    const EntropyBands plain{-1.0f, -1.0f, -1.0f, -1.0f};
-    const EntropyBands busy{-2.0f, -2.0f, -2.0f, -2.0f};    // total -8, extremes -4
-    const EntropyBands extremes{-2.6f, 0.0f, 0.0f, -2.6f};  // extremes -5.2
-    auto judge = [](float s, const EntropyBands& e, float q, bool veto = false) {
-        const Verdict v = judge_scene(s, e, q, veto);
-        return std::make_pair(v.apply, v.shadow);
+TEST(DecisionMeasures, RulesAtBothSidesOfEveryThreshold) {
+    const EntropyBands plain{-1, -1, -1, -1}, busy{-2, -2, -2, -2}, calm{0, -7.4f, 0, 0}, extremes{-2.6f, 0, 0, -2.6f},
+        nearly{-2.56f, 0, 0, -2.56f};
+    struct Row {
+        float score;
+        EntropyBands e;
+        float q;
+        bool veto;
+        int apply, shadow;
+    } rows[] = {
+        {1.5f, plain, 10, false, 0, 0},     // strictly above 1.5
+        {1.5001f, plain, 10, false, 1, 0},  //
+        {1.9f, busy, 10, false, 0, 0},      // total -7.4 or less needs 2.0
+        {2.0f, busy, 10, false, 1, 0},      //
+        {1.9f, calm, 10, false, 1, 0},      // total exactly -7.4 is not busy
+        {0.5f, extremes, 10, false, 1, 0},  // busy extremes force it on
+        {0.5f, nearly, 10, false, 0, 0},    // -5.12 itself does not
+        {0.5f, extremes, 3.9f, false, 0, 0},
+        {1.0f, extremes, 3.9f, false, 1, 0},  // the deep-dark veto needs a score below 1
+        {0.5f, extremes, 4.0f, false, 1, 0},  // and less than 4 % deep dark
+        {1.2f, plain, 15.5f, false, 1, 1},    // a shadow scene
+        {1.2f, plain, 15.0f, false, 0, 0},    //
+        {1.2f, plain, 15.5f, true, 0, 1},     // the veto leaves shadow
+        {3.0f, plain, 10, true, 0, 0},
+        {NAN, plain, 20, false, 1, 1},  // a NaN score fails every comparison
+        {NAN, plain, 2, false, 0, 0},
     };
-    using P = std::pair<int32_t, int32_t>;
-    EXPECT_EQ(judge(1.6f, plain, 10.0f), P(1, 0));
-    EXPECT_EQ(judge(1.5f, plain, 10.0f), P(0, 0));  // strictly above 1.5
-    EXPECT_EQ(judge(1.9f, busy, 10.0f), P(0, 0));   // busy scene needs 2.0
-    EXPECT_EQ(judge(2.0f, busy, 10.0f), P(1, 0));
-    EXPECT_EQ(judge(0.5f, extremes, 10.0f), P(1, 0));  // busy extremes force it on
-    EXPECT_EQ(judge(0.5f, extremes, 3.9f), P(0, 0));   // unless hardly anything is deep dark
-    EXPECT_EQ(judge(1.2f, plain, 15.5f), P(1, 1));     // a shadow scene
-    EXPECT_EQ(judge(1.2f, plain, 15.0f), P(0, 0));
-    EXPECT_EQ(judge(0.5f, plain, 3.0f), P(0, 0));
-    EXPECT_EQ(judge(1.2f, plain, 15.5f, true), P(0, 1));  // the veto leaves shadow
-    EXPECT_EQ(judge(3.0f, plain, 10.0f, true), P(0, 0));
-    // A NaN score fails every comparison: only the shadow rule can apply.
-    EXPECT_EQ(judge(NAN, plain, 20.0f), P(1, 1));
-    EXPECT_EQ(judge(NAN, plain, 2.0f), P(0, 0));
+    for (const Row& r : rows) {
+        const Verdict v = judge_scene(r.score, r.e, r.q, r.veto);
+        EXPECT_EQ(v.apply, r.apply) << "score " << r.score << " q " << r.q << " total " << r.e.total();
+        EXPECT_EQ(v.shadow, r.shadow) << "score " << r.score << " q " << r.q;
+    }
 }
 
-// Frames driven through the decision as the frame path drives it: one call,
-// then the slot and the frame counter advance and the capture flag is cleared.
+// Frames driven the way the frame path drives them: the history slot and the
+// frame counter advance after each call and the capture flag is cleared.
 class DecisionFrames : public ::testing::Test {
 protected:
     void SetUp() override { start(0.5f, 2); }
-    void TearDown() override { stop(); }
-
-    // A context as initialisation leaves the decision's state: no history,
-    // gamma 1.0 in every slot, the top of the table at 255.
+    void TearDown() override { test::reset_globals(); }
     void start(float gamma, int32_t mode) {
         test::reset_globals();
         owned = std::make_unique<ctx>();
@@ -109,37 +93,25 @@ protected:
         c->prev_top_level = 255;
         for (float& g : c->gain_f) g = 1.0f;
     }
-    void stop() {
-        owned.reset();
-        c = nullptr;
-        test::reset_globals();
-    }
-
-    void set_histogram(std::initializer_list<std::pair<int, uint32_t>> bins) {
+    // B: half the pixels at 40, half at 220 (raw mid 144, raw gamma 0), a
+    // candidate through regions whose peaks sit at 0. N: the same with the
+    // peaks at 255, never a candidate. D: a dark scene (raw mid 130, 70 % at
+    // 40). M: 30 % dark, 30 % bright. S: 20 % deep dark, a shadow scene.
+    void scene(char kind) {
         memset(c->global_hist, 0, sizeof c->global_hist);
-        uint32_t n = 0;
-        for (auto [bin, count] : bins) {
-            c->global_hist[bin] = count;
-            n += count;
-        }
-        c->hist_pixel_count = static_cast<int32_t>(n);
-    }
-    // The region weight is near 1 with the regions' peaks at 0 and near 0
-    // with them at 255; it is what makes a scene a candidate here.
-    void set_regions(float peak_mean) {
+        auto& h = c->global_hist;
+        if (kind == 'B' || kind == 'N') h[40] = h[220] = 500;
+        if (kind == 'D') h[40] = 700, h[100] = 300;
+        if (kind == 'M') h[40] = h[220] = 300, h[100] = 400;
+        if (kind == 'S') h[10] = 200, h[100] = 800;
+        c->hist_pixel_count = 1000;
         for (int r = 0; r < kRegionCount; ++r) {
             c->region_features[r] = feature_vect{};
-            c->region_features[r].peak_mass = 1.0f;
-            c->region_features[r].peak_mean = peak_mean;
             c->region_features[r].region = r;
+            c->region_features[r].peak_mean = kind == 'N' || kind == 'S' ? 255.0f : 0.0f;
+            c->region_features[r].peak_mass = 1.0f;
         }
     }
-    // Half the pixels at 40, half at 220: raw mid 144, raw gamma 0.
-    void backlit(bool candidate) {
-        set_histogram({{40, 500}, {220, 500}});
-        set_regions(candidate ? 0.0f : 255.0f);
-    }
-
     int frame() {
         memset(c->gamma_lut, 0x5A, sizeof c->gamma_lut);
         const int d = blc_decide_quality(c, nullptr);
@@ -149,203 +121,135 @@ protected:
         return d;
     }
     uint8_t last() const { return static_cast<uint8_t>(c->hist_index - 1); }
-    int32_t mid() const { return c->strength_hist[last()]; }
-    float gamma() const { return c->gain_f[last()]; }
-    int32_t applied() const { return c->aux_hist[last()]; }
-
-    // The table left by the last frame is the one the given curve builds.
     void expect_table(float g, int32_t m, int32_t top) const {
         uint8_t want[256];
-        memset(want, 0x5A, sizeof want);
-        create_gamma_tab(want, c->gamma_hist, g, static_cast<uint8_t>(m), top);
+        create_gamma_tab(want, nullptr, g, static_cast<uint8_t>(m), top);
         EXPECT_EQ(memcmp(want, c->gamma_lut, sizeof want), 0) << "gamma " << g << " mid " << m << " top " << top;
     }
-
-    // A curve already running at the previous slot.
-    void running_curve(int32_t m, float g, int32_t apply, int32_t frames) {
-        c->frame_count = frames;
-        c->hist_index = static_cast<uint8_t>(frames);
-        const uint8_t prev = static_cast<uint8_t>(frames - 1);
-        c->strength_hist[prev] = m;
-        c->gain_f[prev] = g;
-        c->aux_hist[prev] = apply;
-    }
-
     std::unique_ptr<ctx> owned;
     ctx* c = nullptr;
 };
 
-TEST_F(DecisionFrames, UniformGreyFrame) {
+// A state before the frame (scene, mode, configured gamma, frame count,
+// the previous slot's mid, gamma and apply, on_count, off_count, top) and
+// after it (result, which is also the apply recorded, mid, gamma, counters,
+// top, which the table was built with).
+struct Step {
+    char scene;
+    int mode;
+    float cfg;
+    int frames, mid0;
+    float g0;
+    int apply0, on0, off0, top0, result, mid;
+    float g;
+    int on, off, top;
+};
+
+const Step kSteps[] = {
+    {'B', 2, .5f, 0, 0, 1, 0, 0, 0, 255, 1, 144, .5f, 0, 0, 254},        // first: mid 144 kept, gamma 0 raised
+    {'B', 2, .1f, 0, 0, 1, 0, 0, 0, 255, 1, 144, .2f, 0, 0, 254},        // floor 0.2
+    {'B', 2, 1.5f, 0, 0, 1, 0, 0, 0, 255, 1, 144, .99f, 0, 0, 254},      // cap 0.99
+    {'M', 2, .3f, 0, 0, 1, 0, 0, 0, 255, 1, 126, 1 - .6f, 0, 0, 254},    // 100 + 0.6 * 44, gamma 1 - 0.6
+    {'D', 2, .3f, 0, 0, 1, 0, 0, 0, 255, 1, 85, .99f, 0, 0, 254},        // dark: mid - 45, gamma + 1.55
+    {'N', 2, .5f, 0, 0, 1, 0, 0, 0, 255, 0, 100, .99f, 0, 0, 255},       // no candidate: identity
+    {'B', 2, .5f, 5, 100, .99f, 0, 0, 0, 255, 0, 100, .99f, 2, 0, 255},  // first held candidate: on_count climbs by two
+    {'B', 2, .5f, 5, 100, .99f, 0, 29, 3, 255, 0, 100, .99f, 31, 0, 255},  // on_count 29 still holds
+    {'B', 2, .5f, 5, 100, .99f, 0, 30, 0, 255, 1, 100, .99f, 31, 0,
+     254},  // on_count 30 switches on next to the identity
+    {'B', 2, .5f, 40, 110, .8f, 1, 31, 7, 240, 1, 111, .8f - .01f, 32, 0, 239},  // running: one step in mid and gamma
+    {'B', 2, .5f, 40, 110, .8f, 1, 31, 0, 230, 1, 111, .8f - .01f, 32, 0, 230},  // running: the top stops at 230
+    {'B', 2, .5f, 40, 150, .8f, 1, 31, 0, 231, 1, 144, .8f - .01f, 32, 0, 230},  // running: mid above 144 is cut to 144
+    {'D', 2, .3f, 40, 90, .5f, 1, 31, 0, 240, 1, 89, .5f + .01f, 32, 0,
+     239},  // running: dark scene steps mid down and gamma up
+    {'B', 2, .5f, 40, 144, .4f, 1, 0, 0, 240, 1, 144, .5f, 1, 0, 239},  // running: gamma below the configured is raised
+    {'N', 2, .5f, 40, 110, .8f, 1, 40, 0, 240, 1, 111, .8f - .01f, 0, 2,
+     239},  // switching off held: a new curve, off_count by two
+    {'N', 2, .5f, 40, 110, .8f, 1, 0, 29, 240, 1, 111, .8f - .01f, 0, 31, 239},  // off_count 29 still holds
+    {'N', 2, .5f, 40, 110, .8f, 1, 0, 30, 240, 1, 109, .8f + .01f, 0, 31, 241},  // off_count 30 relaxes: one step back
+    {'N', 2, .5f, 40, 101, .985f, 1, 0, 40, 254, 1, 100, .99f, 0, 41,
+     255},  // relaxing: mid 101 lands on 100, gamma stops at 0.99
+    {'N', 2, .5f, 40, 102, .9f, 1, 0, 40, 255, 1, 101, .9f + .01f, 0, 41,
+     255},  // relaxing: mid 102 steps to 101, top stays at 255
+    {'N', 2, .5f, 40, 100, .98f, 1, 0, 40, 250, 1, 100, .99f, 0, 41,
+     251},  // relaxing: gamma short of 0.99 is one more step
+    {'N', 2, .5f, 40, 100, .99f, 0, 12, 3, 255, 0, 100, .99f, 0, 4, 255},  // no candidate twice: on_count cleared
+    {'B', 2, .5f, 10, 120, .91f, 1, 0, 31, 245, 1, 121, .91f - .01f, 1, 0,
+     244},                                                          // candidate after a relaxing step: on at once
+    {'B', 1, .5f, 0, 0, 1, 0, 0, 0, 255, 1, 100, .99f, 0, 0, 255},  // mode 1: identity, result 1
+    {'B', 1, .5f, 40, 120, .9f, 1, 5, 0, 240, 1, 119, .9f + .01f, 6, 0,
+     241},  // mode 1 running: relaxes instead of building
+};
+
+TEST_F(DecisionFrames, OneFrameFromAGivenState) {
+    for (const Step& s : kSteps) {
+        SCOPED_TRACE(testing::Message() << "step " << &s - kSteps);
+        start(s.cfg, s.mode);
+        scene(s.scene);
+        c->frame_count = s.frames;
+        c->hist_index = static_cast<uint8_t>(s.frames);
+        c->strength_hist[last()] = s.mid0;
+        c->gain_f[last()] = s.g0;
+        c->aux_hist[last()] = s.apply0;
+        c->on_count = s.on0;
+        c->off_count = s.off0;
+        c->prev_top_level = s.top0;
+        EXPECT_EQ(frame(), s.result);
+        EXPECT_EQ(c->strength_hist[last()], s.mid);
+        EXPECT_EQ(c->gain_f[last()], s.g);
+        EXPECT_EQ(c->aux_hist[last()], s.result);
+        EXPECT_EQ(c->on_count, s.on);
+        EXPECT_EQ(c->off_count, s.off);
+        EXPECT_EQ(c->prev_top_level, s.top);
+        expect_table(s.g, s.mid, s.top);
+        EXPECT_EQ(c->frames_enhanced + 2 * c->frames_plain, s.result ? 1 : 2);
+    }
+}
+
+TEST_F(DecisionFrames, SceneFiguresOfTheFrame) {
+    scene('S');
+    EXPECT_EQ(frame(), 1);        // neither a candidate nor busy: the shadow rule
+    EXPECT_EQ(c->last_mid, 108);  // 100 + 0.2 * 44
+    EXPECT_EQ(c->last_gamma, static_cast<float>(static_cast<double>(1.0f - 0.2f) - 0.15));  // not 0.8 - 0.2
+    EXPECT_FLOAT_EQ(c->chroma_sigma, 3.1f);
+    scene('B');
+    EXPECT_EQ(frame(), 1);
+    EXPECT_EQ(c->chroma_sigma, 5.5f);  // 2.5 + 3 at the cap
+    EXPECT_EQ(c->band_copy[0], 0.5f);
+    EXPECT_EQ(c->band_copy[3], 0.5f);
+    EXPECT_EQ(memcmp(&c->sorted_features[12], &c->whole_features, sizeof(feature_vect)), 0);
+    EXPECT_EQ(c->whole_features.region, -1);
+}
+
+TEST_F(DecisionFrames, UniformGreyKeepsNanWeightsInPlace) {
     std::vector<uint8_t> grey(64 * 48, 128);
     segment seg{grey.data(), nullptr, 64, 48, 64, 48};
     blc_gen_hist(grey.data(), 64, 48, 64, c, 1, 0);
     blc_local_hist_features(c, &seg, 0, 1);
-    // Every flat-topped peak has a NaN position weight, so the score is NaN
-    // and, with no deep dark, the frame is left alone.
+    // Flat-topped peaks: every position weight, hence the score, is NaN, and
+    // with no deep dark the frame is left alone.
     EXPECT_EQ(frame(), 0);
-    EXPECT_TRUE(std::isnan(c->sorted_features[0].posn_wt));
     EXPECT_EQ(c->last_mid, 100);
     EXPECT_EQ(c->chroma_sigma, 2.5f);
-    EXPECT_EQ(c->band_copy[0], 0.0f);
-    EXPECT_EQ(c->band_copy[2], 1.0f);
-    EXPECT_EQ(c->whole_features.region, -1);
-    EXPECT_EQ(memcmp(&c->sorted_features[12], &c->whole_features, sizeof(feature_vect)), 0);
     for (int i = 0; i < 12; ++i) EXPECT_EQ(c->sorted_features[i].region, i) << "NaN weights are never moved";
 }
 
-TEST_F(DecisionFrames, FirstFrameBuildsStraightFromTheScene) {
-    stop();
-    start(0.3f, 2);
-    set_histogram({{40, 300}, {100, 400}, {220, 300}});
-    set_regions(0.0f);
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(c->last_mid, 126);  // 100 + 0.6 * 44
-    EXPECT_EQ(mid(), 126);
-    EXPECT_FLOAT_EQ(gamma(), 0.4f);  // 1 - 0.6, above the configured 0.3
-    EXPECT_EQ(applied(), 1);
-    EXPECT_EQ(c->prev_top_level, 254);
-    EXPECT_FLOAT_EQ(c->chroma_sigma, 2.5f + 3.0f * 0.6f);
-    expect_table(gamma(), 126, 254);
-    EXPECT_EQ(c->frames_enhanced, 1);
-    EXPECT_EQ(c->frames_plain, 0);
-}
-
-TEST_F(DecisionFrames, DarkSceneLowersMid) {
-    set_histogram({{40, 700}, {100, 300}});
-    set_regions(0.0f);
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(c->last_mid, 130);
-    EXPECT_EQ(mid(), 85);
-    EXPECT_EQ(gamma(), 0.99f);  // 0.3 + 1.55, capped
-}
-
-TEST_F(DecisionFrames, FifteenCandidatesAreHeldAndTheSixteenthSwitchesOn) {
-    backlit(false);
-    EXPECT_EQ(frame(), 0);
-    expect_table(0.99f, 100, 255);  // the identity
-    backlit(true);
-    for (int k = 1; k <= 15; ++k) {
-        EXPECT_EQ(frame(), 0) << k;
-        EXPECT_EQ(c->on_count, 2 * k);
-        EXPECT_EQ(applied(), 0);
-        EXPECT_EQ(mid(), 100);
-        EXPECT_EQ(gamma(), 0.99f);
-        EXPECT_EQ(c->prev_top_level, 255);
-    }
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(c->on_count, 31);
-    EXPECT_EQ(mid(), 100);
-    EXPECT_EQ(gamma(), 0.99f);
-    EXPECT_EQ(applied(), 1);
-    EXPECT_EQ(c->prev_top_level, 254);
-    expect_table(0.99f, 100, 254);
-
-    EXPECT_EQ(frame(), 1);  // now running: one step towards mid 144
-    EXPECT_EQ(mid(), 101);
-    EXPECT_EQ(gamma(), 0.99f - 0.01f);
-    EXPECT_EQ(c->prev_top_level, 253);
-    EXPECT_EQ(c->frames_plain, 16);
-    EXPECT_EQ(c->frames_enhanced, 2);
-}
-
-TEST_F(DecisionFrames, SwitchingOffIsHeldTheSameWay) {
-    running_curve(110, 0.8f, 1, 40);
-    c->on_count = 40;
-    c->prev_top_level = 240;
-    backlit(false);
-    for (int k = 1; k <= 15; ++k) {
-        EXPECT_EQ(frame(), 1) << k;  // still building new curves
-        EXPECT_EQ(c->off_count, 2 * k);
-        EXPECT_EQ(c->on_count, 0);
-        EXPECT_EQ(mid(), 110 + k);
-        EXPECT_EQ(c->prev_top_level, std::max(240 - k, 230));
-    }
-    const float held_gamma = gamma();
-    EXPECT_NEAR(held_gamma, 0.65f, 1e-5f);
-    EXPECT_EQ(frame(), 1);  // relaxing now, still a curve to apply
-    EXPECT_EQ(c->off_count, 31);
-    EXPECT_EQ(mid(), 124);
-    EXPECT_EQ(gamma(), held_gamma + 0.01f);
-    EXPECT_EQ(c->prev_top_level, 231);
-    EXPECT_EQ(applied(), 1);
-}
-
-TEST_F(DecisionFrames, RelaxationReachesTheIdentity) {
-    running_curve(120, 0.9f, 1, 5);
-    c->off_count = 30;
-    c->prev_top_level = 240;
-    backlit(false);
-    float g = 0.9f;
-    for (int k = 1; k <= 20; ++k) {
-        EXPECT_EQ(frame(), 1) << k;
-        EXPECT_EQ(mid(), 120 - k);
-        g = std::min(g + 0.01f, 0.99f);
-        EXPECT_EQ(gamma(), g);
-        EXPECT_EQ(applied(), 1);
-        EXPECT_EQ(c->prev_top_level, std::min(240 + k, 255));
-    }
-    EXPECT_EQ(gamma(), 0.99f);
-    EXPECT_EQ(frame(), 0);  // the identity reports the frame's own answer
-    EXPECT_EQ(mid(), 100);
-    EXPECT_EQ(applied(), 0);
-    expect_table(0.99f, 100, 255);
-}
-
-TEST_F(DecisionFrames, CandidateRightAfterARelaxingFrameSwitchesOnAtOnce) {
-    running_curve(121, 0.9f, 1, 10);
-    c->off_count = 30;
-    backlit(false);
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(mid(), 120);
-    EXPECT_EQ(c->on_count, 0);
-    const int32_t top = c->prev_top_level;
-
-    backlit(true);
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(c->on_count, 1);
-    EXPECT_EQ(c->off_count, 0);
-    EXPECT_EQ(mid(), 121);  // a step from the relaxing curve, not a restart
-    EXPECT_EQ(gamma(), (0.9f + 0.01f) - 0.01f);
-    EXPECT_EQ(c->prev_top_level, top - 1);
-}
-
 TEST_F(DecisionFrames, CaptureValueOfExactly002Vetoes) {
-    auto first_frame_with_capture = [&](float value, bool registered) {
-        stop();
+    for (const auto& [value, registered, result] : {std::tuple{0.02f, true, 0}, {0.0199f, true, 1}, {0.5f, false, 1}}) {
         start(0.5f, 2);
-        backlit(true);
+        scene('B');
         if (registered) qimra_register_capture_params(c, &value);
-        return frame();
-    };
-    EXPECT_EQ(first_frame_with_capture(0.02f, true), 0);
-    EXPECT_EQ(applied(), 0);
-    EXPECT_EQ(c->frames_plain, 1);
-    EXPECT_EQ(first_frame_with_capture(0.0199f, true), 1);
-    EXPECT_EQ(first_frame_with_capture(0.5f, false), 1);
-}
-
-TEST_F(DecisionFrames, ModeOneShowsTheDecisionWithoutACurve) {
-    stop();
-    start(0.5f, 1);
-    backlit(true);
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(mid(), 100);
-    EXPECT_EQ(gamma(), 0.99f);
-    EXPECT_EQ(applied(), 1);
-    EXPECT_EQ(c->prev_top_level, 255);
-    EXPECT_EQ(frame(), 1);
-    EXPECT_EQ(c->on_count, 1);
-    EXPECT_EQ(mid(), 100);
+        EXPECT_EQ(frame(), result) << value;
+        EXPECT_EQ(c->aux_hist[last()], result) << value;
+    }
 }
 
 TEST_F(DecisionFrames, ModeZeroRebuildsTheFixedTable) {
-    stop();
     start(0.5f, 0);
-    backlit(true);
+    scene('B');
     EXPECT_EQ(frame(), 1);
     EXPECT_EQ(c->chroma_sigma, 4.0f);
     expect_table(0.5f, 128, 255);
-    EXPECT_EQ(mid(), 144);  // the curve itself is still recorded
+    EXPECT_EQ(c->strength_hist[last()], 144);  // the curve is still recorded
 }
 
 }  // namespace
