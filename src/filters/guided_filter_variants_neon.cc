@@ -5,6 +5,7 @@
 
 #if QIMRA_HAVE_NEON
 
+#include "simd/ftz.h"
 #include "simd/recpe.h"
 #include "simd/recps.h"
 
@@ -25,15 +26,19 @@ int32_t guided_2pass_coefficients_neon(const PaddedWindows& w, float inv_n, floa
         const uint32x4_t q =
             vsubq_u32(vsubq_u32(vaddq_u32(vld1q_u32(qt + below + w.side), vld1q_u32(qt)), vld1q_u32(qt + below)),
                       vld1q_u32(qt + w.side));
-        const float32x4_t mean = vmulq_f32(vcvtq_f32_u32(s), inv_n4);
-        const float32x4_t var = vmulq_f32(vsubq_f32(vmulq_f32(vcvtq_f32_u32(q), inv_n4), vmulq_f32(mean, mean)), norm4);
-        const float32x4_t d = vaddq_f32(var, eps4);
+        // The unit's arithmetic, denormals flushed; off ARM the plain
+        // translated operations would keep them (a denormal a for eps near
+        // 1e37, where the per-pixel form, like the unit, has zero).
+        const float32x4_t mean = ftz_mul_f32x4(vcvtq_f32_u32(s), inv_n4);
+        const float32x4_t var =
+            ftz_mul_f32x4(ftz_sub_f32x4(ftz_mul_f32x4(vcvtq_f32_u32(q), inv_n4), ftz_mul_f32x4(mean, mean)), norm4);
+        const float32x4_t d = ftz_add_f32x4(var, eps4);
         float32x4_t r = recpe_f32x4(d);
-        r = vmulq_f32(r, recps_f32x4(d, r));
-        r = vmulq_f32(r, recps_f32x4(d, r));
-        const float32x4_t coef = vmulq_f32(r, var);
+        r = ftz_mul_f32x4(r, recps_f32x4(d, r));
+        r = ftz_mul_f32x4(r, recps_f32x4(d, r));
+        const float32x4_t coef = ftz_mul_f32x4(r, var);
         vst1q_f32(a + i, coef);
-        vst1q_f32(b + i, vsubq_f32(mean, vmulq_f32(coef, mean)));
+        vst1q_f32(b + i, ftz_sub_f32x4(mean, ftz_mul_f32x4(coef, mean)));
     }
     return done;
 }

@@ -36,12 +36,7 @@ inline float32x4_t recps_f32x4(float32x4_t a, float32x4_t b) {
 #if defined(__ARM_NEON) || defined(__ARM_NEON__)
     return vrecpsq_f32(a, b);
 #else
-    float x[4];
-    float y[4];
-    vst1q_f32(x, a);
-    vst1q_f32(y, b);
-    for (int i = 0; i < 4; ++i) x[i] = recps_f32(x[i], y[i]);
-    return vld1q_f32(x);
+    return ftz_lanes<recps_f32>(a, b);
 #endif
 }
 #endif

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <cfloat>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -17,6 +18,7 @@
 
 #include "qimra/qimra.h"
 #include "simd/dispatch.h"
+#include "simd/ftz.h"
 #include "simd/recpe.h"
 #include "simd/recpe_x86.h"
 #include "simd/recps.h"
@@ -112,6 +114,22 @@ TEST(Recps, NewtonStepDefinesZeroTimesInfinityAsTwo) {
     const float a[4] = {0.0f, inf, -0.0f, 3.0f}, b[4] = {inf, 0.0f, -inf, 0.25f};
     vst1q_f32(out, recps_f32x4(vld1q_f32(a), vld1q_f32(b)));
     EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{2.0f, 2.0f, 2.0f, 1.25f}));
+#endif
+}
+
+// The unit calls a product tiny by its exact value: 2^-126 (1 - 2^-46) and
+// -2^-126 (1 - 2^-24) would round to +-FLT_MIN yet become zeros of their
+// sign; 2^-126 (1 + 2^-24 - 2^-47) is not tiny and rounds to FLT_MIN. On ARM
+// the vector lanes are the instruction itself.
+TEST(Ftz, ProductIsJudgedTinyBeforeRounding) {
+    const float a[4] = {0x1.fffffcp-1f, 0x1.fffffep-1f, 0x1.000002p-1f, 3.0f};
+    const float b[4] = {0x1.000002p-126f, -0x1p-126f, 0x1.fffffep-126f, 1e-40f};
+    const uint32_t want[4] = {0u, 0x80000000u, std::bit_cast<uint32_t>(FLT_MIN), 0u};
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(std::bit_cast<uint32_t>(ftz_mul(a[i], b[i])), want[i]) << "lane " << i;
+#if QIMRA_HAVE_NEON
+    float out[4];
+    vst1q_f32(out, ftz_mul_f32x4(vld1q_f32(a), vld1q_f32(b)));
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(std::bit_cast<uint32_t>(out[i]), want[i]) << "vector lane " << i;
 #endif
 }
 
