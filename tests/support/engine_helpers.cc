@@ -23,6 +23,16 @@ void reset_globals() {
     global_cam_params[0] = global_cam_params[1] = 0;
 }
 
+CEngine::CEngine(int32_t w, int32_t h, int32_t mode, int32_t format, float gamma) : w_(w), h_(h) {
+    reset_globals();
+    quietly([&] { c_ = qimra_init(w, h, gamma, 0, 0, 0, 0, 0, mode, format); });
+    EXPECT_NE(c_, nullptr);
+}
+
+CEngine::~CEngine() {
+    quietly([&] { qimra_deinit(c_); });
+}
+
 std::vector<std::string> lines_of(const std::string& text) {
     std::vector<std::string> out;
     std::istringstream in(text);

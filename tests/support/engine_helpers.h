@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,40 @@ std::string capture_stderr(Fn&& fn) {
     fflush(stderr);
     return testing::internal::GetCapturedStderr();
 }
+
+// Runs fn with the library's messages on standard output and error dropped;
+// an exception passes through once the capture is closed.
+template <typename Fn>
+void quietly(Fn&& fn) {
+    std::exception_ptr error;
+    capture_stderr([&] {
+        capture_stdout([&] {
+            try {
+                fn();
+            } catch (...) {
+                error = std::current_exception();
+            }
+        });
+    });
+    if (error) std::rethrow_exception(error);
+}
+
+// An engine through the C ABI for one test, the process-wide state reset
+// before it is made and its messages dropped.
+class CEngine {
+public:
+    CEngine(int32_t w, int32_t h, int32_t mode, int32_t format, float gamma = 0.5f);
+    ~CEngine();
+    CEngine(const CEngine&) = delete;
+    CEngine& operator=(const CEngine&) = delete;
+    qimra_ctx* get() const { return c_; }
+    // One packed frame; `out` may be `in` (in place).
+    void process(uint8_t* in, uint8_t* out) const { qimra_process(c_, in, w_, h_, out, w_, h_); }
+
+private:
+    qimra_ctx* c_ = nullptr;
+    int32_t w_, h_;
+};
 
 std::vector<std::string> lines_of(const std::string& text);
 
