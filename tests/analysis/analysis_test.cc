@@ -39,13 +39,7 @@ TEST(DecisionMeasures, BandsWeightScoreAndRules) {
 
     const EntropyBands plain{-1, -1, -1, -1}, busy{-2, -2, -2, -2}, calm{0, -7.4f, 0, 0}, ext{-2.6f, 0, 0, -2.6f},
         nearly{-2.56f, 0, 0, -2.56f};
-    struct Row {
-        float score;
-        EntropyBands e;
-        float q;
-        bool veto;
-        int apply, shadow;
-    } rows[] = {
+    const std::tuple<float, EntropyBands, float, bool, int, int> rows[] = {
         {1.5, plain, 10, 0, 0, 0},   {1.5001, plain, 10, 0, 1, 0},  // strictly above 1.5
         {1.9, busy, 10, 0, 0, 0},    {2, busy, 10, 0, 1, 0},        // total -7.4 or less needs 2.0
         {1.9, calm, 10, 0, 1, 0},                                   // total exactly -7.4 is not busy
@@ -56,9 +50,9 @@ TEST(DecisionMeasures, BandsWeightScoreAndRules) {
         {1.2, plain, 15.5, 1, 0, 1}, {3, plain, 10, 1, 0, 0},       // the veto leaves shadow
         {NAN, plain, 20, 0, 1, 1},   {NAN, plain, 2, 0, 0, 0},      // NaN fails every comparison
     };
-    for (const Row& r : rows) {
-        const Verdict v = judge_scene(r.score, r.e, r.q, r.veto);
-        EXPECT_EQ(std::tuple(v.apply, v.shadow), std::tuple(r.apply, r.shadow)) << "row " << &r - rows;
+    for (const auto& [score, e, q, veto, apply, shadow] : rows) {
+        const Verdict v = judge_scene(score, e, q, veto);
+        EXPECT_EQ(std::tuple(v.apply, v.shadow), std::tuple(apply, shadow)) << "score " << score << " q " << q;
     }
 }
 
@@ -111,16 +105,7 @@ struct Frames {
 
 // Before the frame: scene, mode, configured gamma, frame count, the previous slot's mid, gamma and apply,
 // on_count, off_count, top. After it: result (also the apply recorded), mid, gamma, counters, top.
-struct Step {
-    char scene;
-    int mode;
-    float cfg;
-    int frames, mid0;
-    float g0;
-    int apply0, on0, off0, top0, result, mid;
-    float g;
-    int on, off, top;
-} const kSteps[] = {
+const std::tuple<char, int, float, int, int, float, int, int, int, int, int, int, float, int, int, int> kSteps[] = {
     {'B', 2, .5, 0, 0, 1, 0, 0, 0, 255, 1, 144, .5, 0, 0, 254},                 // first: mid 144 kept, gamma 0 raised
     {'B', 2, .1, 0, 0, 1, 0, 0, 0, 255, 1, 144, .2, 0, 0, 254},                 // floor 0.2
     {'B', 2, 1.5, 0, 0, 1, 0, 0, 0, 255, 1, 144, .99, 0, 0, 254},               // cap 0.99
@@ -148,24 +133,26 @@ struct Step {
 };
 
 TEST(DecisionFrames, OneFrameFromAGivenState) {
-    for (const Step& s : kSteps) {
-        SCOPED_TRACE(testing::Message() << "step " << &s - kSteps);
-        Frames f(s.cfg, s.mode);
+    int n = 0;
+    for (const auto& [scene, mode, cfg, frames, mid0, g0, apply0, on0, off0, top0, result, mid, g, on, off, top] :
+         kSteps) {
+        SCOPED_TRACE(testing::Message() << "step " << n++);
+        Frames f(cfg, mode);
         ctx* c = f.c;
-        f.scene(s.scene);
-        c->frame_count = c->hist_index = static_cast<uint8_t>(s.frames);
-        c->strength_hist[f.last()] = s.mid0;
-        c->gain_f[f.last()] = s.g0;
-        c->aux_hist[f.last()] = s.apply0;
-        c->on_count = s.on0;
-        c->off_count = s.off0;
-        c->prev_top_level = s.top0;
-        EXPECT_EQ(f.frame(), s.result);
+        f.scene(scene);
+        c->frame_count = c->hist_index = static_cast<uint8_t>(frames);
+        c->strength_hist[f.last()] = mid0;
+        c->gain_f[f.last()] = g0;
+        c->aux_hist[f.last()] = apply0;
+        c->on_count = on0;
+        c->off_count = off0;
+        c->prev_top_level = top0;
+        EXPECT_EQ(f.frame(), result);
         EXPECT_EQ(std::tuple(c->strength_hist[f.last()], c->gain_f[f.last()], c->aux_hist[f.last()]),
-                  std::tuple(s.mid, s.g, s.result));
-        EXPECT_EQ(std::tuple(c->on_count, c->off_count, c->prev_top_level), std::tuple(s.on, s.off, s.top));
-        f.expect_table(s.g, s.mid, s.top);
-        EXPECT_EQ(c->frames_enhanced + 2 * c->frames_plain, s.result ? 1 : 2);
+                  std::tuple(mid, g, result));
+        EXPECT_EQ(std::tuple(c->on_count, c->off_count, c->prev_top_level), std::tuple(on, off, top));
+        f.expect_table(g, mid, top);
+        EXPECT_EQ(c->frames_enhanced + 2 * c->frames_plain, result ? 1 : 2);
     }
 }
 
@@ -194,11 +181,7 @@ TEST(DecisionFrames, SceneFiguresCaptureVetoAndModeZero) {
 }
 
 TEST(GammaTab, PinnedEntries) {
-    struct Row {
-        float gamma;
-        int mid, top;
-        std::vector<std::pair<int, int>> in_out;
-    } rows[] = {
+    const std::tuple<float, int, int, std::vector<std::pair<int, int>>> rows[] = {
         {.5, 128, 230, {{1, 4}, {7, 28}, {8, 32}, {64, 90}, {248, 224}, {255, 230}}},  // power blocks, last included
         {.5, 128, 230, {{251, 227}, {252, 227}}},  // 191 steps: 140 * k / 191 truncated
         {.5, 128, 40, {{65, 90}, {68, 89}}},       // -50 / 191 is 0; -200 / 191 toward zero, not 88
@@ -209,11 +192,11 @@ TEST(GammaTab, PinnedEntries) {
         {1, 200, 230, {{5, 4}, {10, 9}}},          // the single-precision product truncates one short
         {.99, 100, 255, {{1, 1}, {63, 63}, {64, 64}, {200, 200}}},  // the relaxed curve is the identity
     };
-    for (const Row& r : rows) {
+    for (const auto& [gamma, mid, top, in_out] : rows) {
         std::array<uint8_t, 256> t;
         t.fill(0xA5);
-        create_gamma_tab(t.data(), nullptr, r.gamma, static_cast<uint8_t>(r.mid), r.top);
-        for (auto [in, out] : r.in_out) EXPECT_EQ(t[in], out) << r.gamma << " " << r.mid << " " << r.top << " " << in;
+        create_gamma_tab(t.data(), nullptr, gamma, static_cast<uint8_t>(mid), top);
+        for (auto [in, out] : in_out) EXPECT_EQ(t[in], out) << gamma << " " << mid << " " << top << " " << in;
     }
 }
 

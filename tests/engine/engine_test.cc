@@ -76,24 +76,19 @@ struct LutContext {
 // Both builders on a decision's curve, a random tone table and one mapping everything to white (the gain
 // index clamped to the curve's last entry, 70); three cores, the last taking rows 170..255, and two at once.
 TEST(ColourLut, GoldenTablesOfBothBuildersAndTheirCoreSplit) {
-    const struct {
-        float gamma;
-        int mid;
-        float sigma;
-        uint64_t one_core, single_threaded;
-    } rows[] = {
+    const std::tuple<float, int, float, uint64_t, uint64_t> rows[] = {
         {0.5f, 128, 4.0f, 11311327276957122757u, 8546624839817010567u},
         {1.4f, 200, 8.0f, 16347510321819418771u, 9171696150550242235u},
         {0.0f, 0, 2.5f, 5364965951698576574u, 6643138796824446376u},
         {0.0f, -1, 100.0f, 17571382421746923142u, 12141377084222741360u},
     };
-    for (const auto& r : rows) {
-        LutContext a(r.gamma, r.mid, r.sigma), b(r.gamma, r.mid, r.sigma), two(r.gamma, r.mid, r.sigma);
+    for (const auto& [gamma, mid, sigma, one_core, single_threaded] : rows) {
+        LutContext a(gamma, mid, sigma), b(gamma, mid, sigma), two(gamma, mid, sigma);
         qimra_col_conv_create_lut_mc(a.c.get(), 0, 1);
         std::fill_n(b.c->recip16_a, 300, 0);  // the single-threaded builder keeps its own reciprocals
         EXPECT_EQ(qimra_col_conv_create_lut(b.c.get()), 256);
-        EXPECT_EQ(std::tuple(a.checksum(), b.checksum()), std::tuple(r.one_core, r.single_threaded)) << r.mid;
-        EXPECT_EQ(std::tuple(a.lut[0] & 0xFF, a.lut[0] >> 8 == 70), std::tuple(16, r.mid < 0)) << "luma 16 below 16";
+        EXPECT_EQ(std::tuple(a.checksum(), b.checksum()), std::tuple(one_core, single_threaded)) << mid;
+        EXPECT_EQ(std::tuple(a.lut[0] & 0xFF, a.lut[0] >> 8 == 70), std::tuple(16, mid < 0)) << "luma 16 below 16";
         const auto [lo, hi] = std::minmax_element(a.c->chroma_gain_lut, a.c->chroma_gain_lut + 700);
         EXPECT_TRUE(*lo == 32 && *hi <= 70) << "the bounded curve keeps the chroma gain within 1 .. 70 / 32";
         std::thread worker([&] { qimra_col_conv_create_lut_mc(two.c.get(), 1, 2); });
