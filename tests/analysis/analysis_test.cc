@@ -13,6 +13,7 @@
 #include "analysis/gamma_table.h"
 #include "analysis/peaks.h"
 #include "simd/convert.h"
+#include "simd/neon.h"
 #include "support/engine_helpers.h"
 #include "support/media.h"
 
