@@ -1,19 +1,17 @@
-// The qimra tool as a user runs it, in tables: every input and output layout against the engine's bytes on real
-// photographs, every refusal with its exit status and one-line message and nothing left behind; then pictures and
-// videos through FFmpeg, batches into a folder, QIMRA_ISA and interrupts.
+// The qimra tool as a user runs it: input and output layouts against the engine's bytes on real photographs, each
+// refusal with its exit status and one-line message and nothing left behind, pictures and videos through FFmpeg,
+// batches into a folder, QIMRA_ISA and interrupts.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <qimra/qimra.hpp>
-#include <sstream>
-#include <thread>
+#include <regex>
 
 #include "error.h"
 #include "output_file.h"
@@ -24,7 +22,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using CF = ColourFormat;
-const std::string kTool = QIMRA_TOOL_PATH, kMedia = QIMRA_MEDIA_DIR;
+using Names = std::vector<std::string>;
+const std::string kTool = QIMRA_TOOL_PATH, kMedia = QIMRA_MEDIA_DIR, kPlain = " F25:1 Ip A0:0 C420jpeg\n";
 const size_t kVga = frame_bytes(640, 480);
 
 std::string read_file(const fs::path& p) {
@@ -50,10 +49,9 @@ std::string y4m(const std::string& header, const std::string& frames, size_t fra
 }
 
 // Packed I420 frames in another layout, rearranged here rather than by the tool's own conversion under test.
-std::string as(const std::string& i420, int w, int h, CF f) {
-    const size_t luma = static_cast<size_t>(w) * h, q = luma / 4;
+std::string as(const std::string& i420, CF f, size_t luma = 640 * 480) {
     std::string out;
-    for (size_t at = 0; at < i420.size(); at += luma + 2 * q) {
+    for (size_t at = 0, q = luma / 4; at < i420.size(); at += luma + 2 * q) {
         const char *u = &i420[at + luma], *v = u + q;
         out.append(i420, at, luma);
         if (f == CF::yv12 || f == CF::nv21) std::swap(u, v);
@@ -63,7 +61,7 @@ std::string as(const std::string& i420, int w, int h, CF f) {
     return out;
 }
 
-// What the engine makes of packed frames, in this process.
+// What the engine makes of packed I420 frames, in this process.
 std::string enhanced(std::string frames, int w, int h, int mode, float gamma = 0.5f) {
     LibraryMessages quiet(false);
     Engine e(w, h, gamma, static_cast<Mode>(mode), CF::i420);
@@ -88,51 +86,45 @@ protected:
     void TearDown() override { fs::remove_all(dir_); }
     fs::path path(const std::string& name) const { return dir_ / name; }
 
-    struct Result {
-        int code;
-        std::string err;
-    };
-    // The tool in the test's folder; `args` may redirect standard input and output.
-    Result run(const std::string& args) const {
-        const int status = std::system(("cd " + dir_.string() + " && " + kTool + " " + args + " 2> err.txt").c_str());
-        const std::string err = read_file(path("err.txt"));
+    // The tool's exit status in the test's folder (`args` may redirect its input and output); err_ is what it said.
+    int run(const std::string& args, const std::string& env = "") {
+        const std::string cmd = "cd " + dir_.string() + " && " + env + " " + kTool + " " + args + " 2> err.txt";
+        const int status = std::system(cmd.c_str());
+        err_ = read_file(path("err.txt"));
         fs::remove(path("err.txt"));
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, err};
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    void shell(const std::string& cmd) const {
-        ASSERT_EQ(std::system(("cd " + dir_.string() + " && " + cmd).c_str()), 0) << cmd;
-    }
-    // What ffmpeg writes into `out`.
-    std::string ff(const std::string& args, const std::string& out = "-f rawvideo ff.out") const {
-        shell("ffmpeg -nostdin -v error -y " + args + " " + out);
+    // What ffmpeg (or a shell command) writes into `out`.
+    std::string ff(const std::string& args, const std::string& out = "-f rawvideo ff.out",
+                   const std::string& program = "ffmpeg -nostdin -v error -y ") const {
+        const std::string cmd = "cd " + dir_.string() + " && " + program + args + " " + out;
+        EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
         return read_file(path(out.substr(out.rfind(' ') + 1)));
     }
     std::string decode_i420(const std::string& file) const {
         return ff("-i " + file + " -frames:v 1 -pix_fmt yuv420p");
     }
     std::string probe(const std::string& file, const std::string& what) const {
-        shell("ffprobe -v error " + what + " -of csv=p=0 " + file +
-              " | grep -v '^$' | cut -d, -f1-4 | sed 's/,$//' > probe.txt");
-        return read_file(path("probe.txt"));
+        return ff(what + " -of csv=p=0 " + file, "| grep -v '^$' | cut -d, -f1-4 | sed 's/,$//' > probe.txt",
+                  "ffprobe -v error ");
     }
-    std::vector<std::string> listing(const std::string& sub = "") const {
-        std::vector<std::string> names;
+    Names listing(const std::string& sub = "") const {
+        Names names;
         for (const auto& e : fs::directory_iterator(dir_ / sub)) names.push_back(e.path().filename().string());
         std::sort(names.begin(), names.end());
         return names;
     }
 
     fs::path dir_;
+    std::string err_;
 };
 
 TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
-    const std::string i420 = photos(640, 480), nv21 = as(i420, 640, 480, CF::nv21);
-    // A stream's own tags are kept; a raw input gets progressive, jpeg-sited ones of unknown aspect.
+    const std::string i420 = photos(640, 480), nv21 = as(i420, CF::nv21);
+    // A stream's own tags are kept; raw input gets progressive, jpeg-sited ones of unknown aspect.
     const std::string tags = "YUV4MPEG2 W640 H480 F30000:1001 It A4:3 C420mpeg2 XYSCSS=420MPEG2\n";
-    const std::string plain = "YUV4MPEG2 W640 H480 F25:1 Ip A0:0 C420jpeg\n";
     std::string in = y4m(tags, i420);
-    in.insert(tags.size() + 6 + kVga + 5, " Ixyz");  // parameters after FRAME are allowed
-    write_file(path("in.y4m"), in);
+    write_file(path("in.y4m"), in.insert(tags.size() + 6 + kVga + 5, " Ixyz"));  // parameters after FRAME are allowed
     write_file(path("in.yuv"), i420);
     for (const char* f : {"in.nv21", "in.frames", "in.nv12"}) write_file(path(f), nv21);
     const std::tuple<std::string, std::string, CF, std::string> rows[] = {
@@ -141,7 +133,7 @@ TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
         {"in.y4m -o out.nv21", "out.nv21", CF::nv21, ""},
         {"in.y4m -o out.yuv --format yv12", "out.yuv", CF::yv12, ""},
         {"in.nv21 --size 640x480 -o out.yuv", "out.yuv", CF::nv21, ""},  // a raw output keeps the input's layout
-        {"in.nv21 --size 640x480 -o out.y4m", "out.y4m", CF::i420, plain},
+        {"in.nv21 --size 640x480 -o out.y4m", "out.y4m", CF::i420, "YUV4MPEG2 W640 H480" + kPlain},
         {"in.frames --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},  // any name is raw
         {"in.nv12 --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},    // over what a name says
         {"in.nv21 --size 640x480 -o folder/", "folder/in.nv21", CF::nv21, ""},
@@ -154,11 +146,9 @@ TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
         const std::string want = enhanced(i420, 640, 480, mode, 0.6f);
         for (const auto& [args, out, layout, header] : rows) {
             SCOPED_TRACE(args + " --mode " + std::to_string(mode));
-            const Result r = run("enhance --gamma 0.6 --mode " + std::to_string(mode) + " " + args);
-            ASSERT_EQ(r.code, 0) << r.err;
-            EXPECT_EQ(args.find("--verbose") != std::string::npos, r.err.find("Allocated") != std::string::npos);
-            const std::string frames = as(want, 640, 480, layout);
-            EXPECT_TRUE(read_file(path(out)) == (header.empty() ? frames : y4m(header, frames)));
+            ASSERT_EQ(run("enhance --gamma 0.6 --mode " + std::to_string(mode) + " " + args), 0) << err_;
+            EXPECT_EQ(args.find("--verbose") != std::string::npos, err_.find("Allocated") != std::string::npos);
+            EXPECT_TRUE(read_file(path(out)) == (header.empty() ? as(want, layout) : y4m(header, as(want, layout))));
         }
     }
 }
@@ -170,9 +160,8 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance missing.y4m -o out.y4m", "", 1, "missing.y4m: cannot open: No such file or directory"},
         {"enhance in.bmp -o out.y4m", "x", 1, "in.bmp: unknown extension '.bmp'"},
         {"enhance in.y4m -o out.gif", one, 1, "out.gif: unknown extension '.gif'"},
-        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W6x4 H64\n", 1, "in.y4m: malformed Y4M header: W tag 'W6x4' is not a"},
-        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 F25:0\n", 1,
-         "in.y4m: malformed Y4M header: frame rate 'F25:0'"},
+        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W6x4 H64\n", 1, "in.y4m: malformed Y4M header: W tag 'W6x4' is not"},
+        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 F25:0\n", 1, "in.y4m: malformed Y4M header: frame rate"},
         {"enhance in.y4m -o out.y4m", "P5 64 64\n", 1, "in.y4m: not a Y4M stream"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 C444\n", 1, "in.y4m: unsupported chroma layout C444"},
         // The first frame is written before the garbage shows: its temporary file must go.
@@ -185,12 +174,9 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W1000000 H1000000\n", 1, "in.y4m: absurd frame size 1000000x1000000"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64\n", 1, "in.y4m: holds no frames"},
         {"enhance in.png -o out.y4m", "not a picture", 1, "in.png: cannot read it"},
-        {"enhance in.y4m -o out.png", one + "FRAME\n" + frame, 1,
-         "out.png: an image holds one picture, but in.y4m has"},
+        {"enhance in.y4m -o out.png", one + "FRAME\n" + frame, 1, "out.png: an image holds one picture, but in.y4m"},
         {"enhance in.y4m -o out.y4m --gamma 9", one, 2, "--gamma '9' is not a number greater than 0 and at most 4"},
         {"enhance in.y4m -o out.y4m --mode 3", one, 2, "--mode '3' is not a whole number from 0 to 2"},
-        {"enhance in.y4m", one, 2, "no output given"},
-        {"enhance in.y4m -o out.y4m --loud", one, 2, "unknown option '--loud'"},
         {"enhance in.y4m -o ./in.y4m", one, 2, "./in.y4m: the output would overwrite the input"},
         {"compare in.y4m -o out.png --frame 1", one, 1, "in.y4m: has 1 frame; --frame 1 is past its end"},
         {"compare in.y4m -o cmp.jpg", one, 2, "cmp.jpg: compare writes a .png picture"},
@@ -199,7 +185,6 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance a.y4m b.y4m -o in.png", "", 2, "in.png is a file; several inputs are written into a folder"},
         {"enhance a.y4m - -o out/", "", 2, "standard input has no name to write under in a folder"},
         {"enhance a.y4m b.y4m -o out/ --trace t.csv", "", 2, "--trace and --plot follow one input"},
-        {"enhance a.y4m b.y4m -o out/ --to gif", "", 2, "--to 'gif' is not a kind qimra writes"},
         {"enhance a.y4m -o y.y4m -j 2", "", 2, "-j is for several inputs into a folder"},
     };
     for (const auto& [args, bytes, code, message] : cases) {
@@ -208,14 +193,13 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         const std::string file = at == std::string::npos ? "" : args.substr(at, args.find(' ', at) - at);
         if (!file.empty()) write_file(path(file), bytes);
         write_file(path("out.y4m"), "precious");  // an existing output survives a failed run untouched
-        const Result r = run(args + " < /dev/null");
-        EXPECT_EQ(r.code, code);
-        EXPECT_EQ(r.err.rfind("qimra: " + message, 0), 0u) << r.err;
-        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << "one line: " << r.err;
+        EXPECT_EQ(run(args + " < /dev/null"), code);
+        EXPECT_EQ(err_.rfind("qimra: " + message, 0), 0u) << err_;
+        EXPECT_EQ(std::count(err_.begin(), err_.end(), '\n'), 1) << "one line: " << err_;
         EXPECT_EQ(read_file(path("out.y4m")), "precious");
-        std::vector<std::string> left = listing();
+        Names left = listing();
         std::erase(left, file);
-        EXPECT_EQ(left, std::vector<std::string>{"out.y4m"}) << "nothing left behind";
+        EXPECT_EQ(left, Names{"out.y4m"}) << "nothing left behind";
         if (!file.empty()) fs::remove(path(file));
     }
 }
@@ -233,13 +217,11 @@ TEST_F(Tool, ATruncatedLastFrameKeepsTheCompleteFrames) {
         {"- --size 640x480 -o - --to yuv < cut.yuv > out.yuv", "standard input: frame 3 is truncated (459800 of"},
     };
     for (const auto& [args, message] : cases) {
-        SCOPED_TRACE(args);
-        const Result r = run("enhance --mode 0 " + args);
-        EXPECT_EQ(r.code, kExitTruncated);
-        EXPECT_EQ(r.err.rfind("qimra: " + message, 0), 0u) << r.err;
-        EXPECT_TRUE(args.find("<") != std::string::npos
-                        ? read_file(path("out.yuv")) == want
-                        : read_file(path("out.y4m")) == y4m("YUV4MPEG2 W640 H480 F25:1 Ip A0:0 C420jpeg\n", want));
+        EXPECT_EQ(run("enhance --mode 0 " + args), kExitTruncated) << args;
+        EXPECT_EQ(err_.rfind("qimra: " + message, 0), 0u) << err_;
+        const bool raw = args[0] == '-';
+        EXPECT_TRUE(read_file(path(raw ? "out.yuv" : "out.y4m")) ==
+                    (raw ? want : y4m("YUV4MPEG2 W640 H480" + kPlain, want)));
     }
     const std::string csv = read_file(path("out.csv"));
     EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4) << "a header and the three frames";
@@ -250,171 +232,142 @@ TEST_F(Tool, OddPicturesAndVideosKeepTheirSize) {
     // result is that picture's result cropped back, to the byte.
     for (auto [w, h] : {std::pair{3, 5}, std::pair{301, 203}, std::pair{640, 479}}) {
         const std::string sw = std::to_string(w), sh = std::to_string(h), crop = " -vf crop=" + sw + ":" + sh + ":0:0";
-        SCOPED_TRACE(sw + "x" + sh);
         ff("-i " + kMedia + "/photos/pier.jpg" + crop + " -pix_fmt rgb24", "odd.png");
         ff("-i odd.png -vf pad=" + std::to_string(w + w % 2) + ":" + std::to_string(h + h % 2) + ",fillborders=right=" +
                std::to_string(w % 2) + ":bottom=" + std::to_string(h % 2) + ":mode=smear -pix_fmt rgb24",
            "even.png");
-        ASSERT_EQ(run("enhance odd.png -o odd_out.png --mode 0").code, 0);
-        ASSERT_EQ(run("enhance even.png -o even_out.png --mode 0").code, 0);
+        ASSERT_EQ(run("enhance odd.png -o odd_out.png --mode 0") + run("enhance even.png -o even_out.png --mode 0"), 0);
         const std::string got = ff("-i odd_out.png -pix_fmt rgb24");
         EXPECT_EQ(got.size(), static_cast<size_t>(w) * h * 3);
-        EXPECT_TRUE(got == ff("-i even_out.png -pix_fmt rgb24" + crop));
+        EXPECT_TRUE(got == ff("-i even_out.png -pix_fmt rgb24" + crop)) << sw << "x" << sh;
         // An odd 4:2:0 video, and every picture and video output, keep the size; Y4M cannot hold it.
         ff("-i odd.png -pix_fmt yuv420p -c:v ffv1", "odd.mkv");
         for (const char* out : {"out.jpg", "out.mp4", "out.webm"}) {
-            ASSERT_EQ(run(std::string("enhance odd.mkv -o ") + out).code, 0) << out;
+            ASSERT_EQ(run(std::string("enhance odd.mkv -o ") + out), 0) << out;
             EXPECT_EQ(probe(out, "-show_entries stream=width,height"), sw + "," + sh + "\n") << out;
         }
-        const Result r = run("enhance odd.png -o out.y4m");
-        EXPECT_EQ(r.code, 1);
-        EXPECT_EQ(r.err.rfind("qimra: out.y4m: cannot hold the " + sw + "x" + sh + " frames of odd.png", 0), 0u);
+        EXPECT_EQ(run("enhance odd.png -o out.y4m"), 1);
+        EXPECT_EQ(err_.rfind("qimra: out.y4m: cannot hold the " + sw + "x" + sh + " frames of odd.png", 0), 0u);
     }
 }
 
 TEST_F(Tool, PicturesAndVideosThroughFfmpeg) {
-    // A real photograph as PNG: the tool reads it as ffmpeg does; written as PNG and JPEG it decodes to what was
-    // enhanced.
+    // A real photograph as PNG: the tool reads it as ffmpeg does; as PNG and JPEG it decodes to what was enhanced.
     fs::copy_file(kMedia + "/photos/coffee.png", path("coffee.png"));
-    ASSERT_EQ(run("enhance coffee.png -o coffee.yuv --mode 0").code, 0);
+    ASSERT_EQ(run("enhance coffee.png -o coffee.yuv --mode 0"), 0);
     const std::string picture = read_file(path("coffee.yuv"));
     ASSERT_EQ(picture.size(), frame_bytes(600, 400));
     EXPECT_GT(psnr(picture, enhanced(decode_i420("coffee.png"), 600, 400, 0), 600 * 400), 38.0);
-    for (const char* ext : {"png", "jpg"}) {
-        ASSERT_EQ(run(std::string("enhance coffee.png --mode 0 -o out.") + ext).code, 0);
-        EXPECT_GT(psnr(decode_i420(std::string("out.") + ext), picture, 600 * 400), ext[0] == 'p' ? 40.0 : 34.0);
+    for (const std::string ext : {"png", "jpg"}) {
+        ASSERT_EQ(run("enhance coffee.png --mode 0 -o out." + ext), 0);
+        EXPECT_GT(psnr(decode_i420("out." + ext), picture, 600 * 400), ext == "png" ? 40.0 : 34.0);
     }
-    // A short lossless clip of a real photograph with a tone on it: every frame, the timing, the audio copied.
-    ff("-loop 1 -i " + kMedia +
-           "/photos/water.jpg -f lavfi -i sine=frequency=440 -vf scale=640:360,format=yuv420p "
+    // A short lossless clip of a real photograph with a tone: every frame, the timing, the audio copied.
+    ff("-loop 1 -i " + kMedia + "/photos/water.jpg -f lavfi -i sine=frequency=440 -vf scale=640:360,format=yuv420p " +
            "-r 25 -t 0.8 -c:v libx264 -preset ultrafast -qp 0 -c:a aac -shortest",
        "clip.mp4");
-    ASSERT_EQ(run("enhance clip.mp4 -o clip.y4m --mode 0").code, 0);
+    ASSERT_EQ(run("enhance clip.mp4 -o clip.y4m --mode 0"), 0);
     const std::string stream = read_file(path("clip.y4m")), first = enhanced(decode_i420("clip.mp4"), 640, 360, 0);
     const size_t header = stream.find('\n') + 1;
     EXPECT_EQ(stream.rfind("YUV4MPEG2 W640 H360 F25:1 ", 0), 0u);
     EXPECT_EQ(stream.size(), header + 20 * (6 + first.size()));
     EXPECT_TRUE(stream.substr(header, 6 + first.size()) == "FRAME\n" + first);
     const std::string audio = probe("clip.mp4", "-select_streams a -show_entries packet=size");
-    for (const char* ext : {"mp4", "mkv", "mov"}) {
-        const std::string out = std::string("clip_out.") + ext;
-        ASSERT_EQ(run("enhance clip.mp4 -o " + out + " --mode 0").code, 0) << ext;
+    for (const std::string out : {"out.mp4", "out.mkv", "out.mov"}) {
+        ASSERT_EQ(run("enhance clip.mp4 --mode 0 -o " + out), 0) << out;
         EXPECT_EQ(probe(out,
                         "-select_streams v -count_frames -show_entries stream=codec_name,width,height,"
                         "nb_read_frames"),
                   "h264,640,360,20\n")
-            << ext;
-        EXPECT_EQ(probe(out, "-select_streams a -show_entries packet=size"), audio) << ext << ": audio copied";
-        EXPECT_GT(psnr(decode_i420(out), first, 640 * 360), 38.0) << ext;
+            << out;
+        EXPECT_EQ(probe(out, "-select_streams a -show_entries packet=size"), audio) << out << ": audio copied";
+        EXPECT_GT(psnr(decode_i420(out), first, 640 * 360), 38.0) << out;
     }
 }
 
 TEST_F(Tool, ABatchEqualsOneByOneRunsAndNeverWritesOverAnInputOrTwiceToOneName) {
     // Real photographs as streams and pictures, and a broken file among them.
     const std::string i420 = photos(640, 480, 3);
-    write_file(path("a.y4m"), y4m("YUV4MPEG2 W640 H480\n", i420));
-    write_file(path("b.y4m"), y4m("YUV4MPEG2 W640 H480\n", i420.substr(kVga)));
-    write_file(path("e.y4m"), y4m("YUV4MPEG2 W640 H480\n", i420.substr(2 * kVga)));
+    for (int k : {0, 1, 2})
+        write_file(path(std::string(1, "abe"[k]) + ".y4m"), y4m("YUV4MPEG2 W640 H480\n", i420.substr(k * kVga)));
     fs::copy_file(kMedia + "/photos/coffee.png", path("c.png"));
     fs::copy_file(kMedia + "/photos/chelsea.png", path("d.png"));
     write_file(path("broken.png"), "not a picture");
-    const std::vector<std::string> good = {"a.y4m", "b.y4m", "c.png", "d.png"};
+    const Names good = {"a.y4m", "b.y4m", "c.png", "d.png"};
     fs::create_directories(path("one"));
-    for (const std::string& f : good) ASSERT_EQ(run("enhance " + f + " -o one/" + f).code, 0) << f;
+    for (const std::string& f : good) ASSERT_EQ(run("enhance " + f + " -o one/" + f), 0) << f;
     for (const char* jobs : {"-j 1", "-j2"}) {
-        const Result r = run("enhance a.y4m broken.png b.y4m c.png d.png -o batch/ " + std::string(jobs));
-        EXPECT_EQ(r.code, 1);
-        EXPECT_NE(r.err.find("qimra: broken.png: cannot read it"), std::string::npos) << r.err;
-        EXPECT_TRUE(r.err.ends_with("qimra: 4 written, 1 failed\n")) << r.err;
+        EXPECT_EQ(run("enhance a.y4m broken.png b.y4m c.png d.png -o batch/ " + std::string(jobs)), 1);
+        EXPECT_NE(err_.find("qimra: broken.png: cannot read it"), std::string::npos) << err_;
+        EXPECT_TRUE(err_.ends_with("qimra: 4 written, 1 failed\n")) << err_;
         EXPECT_EQ(listing("batch"), good) << "each result under its input's name, and nothing else";
         for (const std::string& f : good) EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f)));
         fs::remove_all(path("batch"));
     }
     // --to names the kind of every result; all good, all written, nothing said.
-    const Result r = run("enhance e.y4m c.png -o pics --to png --quiet");
-    EXPECT_EQ(r.code, 0);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(run("enhance e.y4m c.png -o pics --to png --quiet"), 0);
+    EXPECT_EQ(err_, "");
     EXPECT_EQ(decode_i420("pics/e.png").size(), kVga);
-    EXPECT_EQ(listing("pics"), (std::vector<std::string>{"c.png", "e.png"}));
-
+    EXPECT_EQ(listing("pics"), (Names{"c.png", "e.png"}));
     fs::create_directories(path("sub"));
     for (const char* f : {"sub/e.y4m", "one/e.y4m"}) fs::copy_file(path("e.y4m"), path(f));
     fs::copy_file(path("c.png"), path("e.png"));
     const std::tuple<std::string, std::string, std::string> cases[] = {
         // arguments, the failure reported, the summary
         {"e.y4m sub/e.y4m -o two/", "sub/e.y4m: its output two/e.y4m is already the output of e.y4m", "1 written, 1"},
-        {"one/e.y4m e.y4m -o one", "one/e.y4m: writing one/e.y4m would overwrite the input itself; choose another",
-         "0 written, 2"},
+        {"one/e.y4m e.y4m -o one", "one/e.y4m: writing one/e.y4m would overwrite the input itself", "0 written, 2"},
         {"e.y4m e.png -o pics/ --to y4m", "e.png: its output pics/e.y4m is already the output of e.y4m",
          "1 written, 1"},
     };
     for (const auto& [args, message, summary] : cases) {
-        SCOPED_TRACE(args);
-        const Result r = run("enhance --mode 0 " + args);
-        EXPECT_EQ(r.code, 1);
-        EXPECT_NE(r.err.find("qimra: " + message), std::string::npos) << r.err;
-        EXPECT_TRUE(r.err.ends_with("qimra: " + summary + " failed\n")) << r.err;
+        EXPECT_EQ(run("enhance --mode 0 " + args), 1) << args;
+        EXPECT_NE(err_.find("qimra: " + message), std::string::npos) << err_;
+        EXPECT_TRUE(err_.ends_with("qimra: " + summary + " failed\n")) << err_;
         EXPECT_TRUE(read_file(path("one/e.y4m")) == read_file(path("e.y4m")));
     }
-    EXPECT_EQ(listing("two"), std::vector<std::string>{"e.y4m"});
+    EXPECT_EQ(listing("two"), Names{"e.y4m"});
 }
 
-TEST_F(Tool, HelpTraceAndCompare) {
-    const std::pair<const char*, const char*> help[] = {{"--help", "usage: qimra COMMAND"},
-                                                        {"enhance --help", "usage: qimra enhance INPUT -o OUTPUT"},
-                                                        {"compare --help", "usage: qimra compare INPUT -o FILE.png"},
-                                                        {"help enhance", "usage: qimra enhance"}};
-    for (const auto& [args, usage] : help) {
-        EXPECT_EQ(run(std::string(args) + " > help.txt").code, 0) << args;
-        EXPECT_EQ(read_file(path("help.txt")).rfind(usage, 0), 0u) << args;
-    }
+TEST_F(Tool, TraceAndCompare) {
     write_file(path("in.y4m"), y4m("YUV4MPEG2 W640 H480\n", photos(640, 480)));
-    ASSERT_EQ(run("enhance in.y4m -o out.y4m --trace t.csv --plot t.svg --mode 0 --gamma 0.7").code, 0);
+    ASSERT_EQ(run("enhance in.y4m -o out.y4m --trace t.csv --plot t.svg --mode 0 --gamma 0.7"), 0);
     std::string csv = "frame,decision,enhanced,mid,gamma,top_level,chroma_sigma\n";
     for (int i = 0; i < 4; ++i) csv += std::to_string(i) + ",1,1,128,0.7000,230,4.0000\n";
     EXPECT_EQ(read_file(path("t.csv")), csv);
+    // A plot of the decision, mid, gamma and top level.
     const std::string svg = read_file(path("t.svg"));
-    EXPECT_EQ(svg.rfind("<?xml", 0), 0u);
-    EXPECT_NE(svg.find("</svg>"), std::string::npos);
-    size_t lines = 0;
-    for (size_t p = 0; (p = svg.find("<polyline", p)) != std::string::npos; ++p) ++lines;
-    EXPECT_EQ(lines, 4u) << "decision, mid, gamma and top level";
+    EXPECT_TRUE(svg.starts_with("<?xml") && svg.find("</svg>") != std::string::npos);
+    const std::regex polyline("<polyline");
+    EXPECT_EQ(std::distance(std::sregex_iterator(svg.begin(), svg.end(), polyline), std::sregex_iterator()), 4);
     // Two 640-wide panels and a 480-square curve between margins of 16: a 1824x544 PNG.
-    ASSERT_EQ(run("compare in.y4m -o cmp.png --frame 2 --mode 0").code, 0);
-    EXPECT_EQ(read_file(path("cmp.png")).substr(1, 23),
-              std::string("PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\x07\x20\0\0\x02\x20", 23));
+    ASSERT_EQ(run("compare in.y4m -o cmp.png --frame 2 --mode 0"), 0);
+    EXPECT_EQ(read_file(path("cmp.png")).substr(1, 23), std::string("PNG\r\n\x1a\n\0\0\0\rIHDR"
+                                                                    "\0\0\x07\x20\0\0\x02\x20",
+                                                                    23));
 }
 
 TEST_F(Tool, EveryInstructionSetLevelGivesTheSameBytesAndNamesItself) {
     write_file(path("in.yuv"), photos(1280, 720));  // quarter-size analysis
-    std::string err;
     auto at = [&](const std::string& isa, int mode) {
-        setenv("QIMRA_ISA", isa.c_str(), 1);
-        const Result r = run("enhance in.yuv --size 1280x720 -o out.yuv --quiet --verbose > /dev/null --mode " +
-                             std::to_string(mode));
-        unsetenv("QIMRA_ISA");
-        EXPECT_EQ(r.code, 0) << r.err;
-        err = r.err;
+        const std::string args = "enhance in.yuv --size 1280x720 -o out.yuv --quiet --verbose >/dev/null --mode ";
+        EXPECT_EQ(run(args + std::to_string(mode), "QIMRA_ISA=" + isa), 0);
         return read_file(path("out.yuv"));
     };
     // An unknown value is named with the accepted ones, from the lowest, and the best level runs.
-    const std::string unknown = at("sse5", 0), intro = "QIMRA_ISA=\"sse5\" is not an instruction set (accepted: ";
-    const size_t from = err.find(intro), to = err.find("); using ", from);
-    ASSERT_NE(to, std::string::npos) << err;
-    const std::string best = err.substr(to + 9, err.find('\n', to) - to - 9);
-    EXPECT_NE(err.find("V/qimra: instruction set: " + best + "\n"), std::string::npos) << err;
-    std::vector<std::string> levels;
-    std::istringstream list(err.substr(from + intro.size(), to - from - intro.size()));
-    for (std::string name; levels.empty() || levels.back() != best; levels.push_back(name))
-        ASSERT_TRUE(std::getline(list >> std::ws, name, ','));
-    ASSERT_GE(levels.size(), 2u);
-    EXPECT_EQ(levels.front(), "c");
+    const std::string unknown = at("sse5", 0);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(
+        err_, m, std::regex("QIMRA_ISA=\"sse5\" is not an instruction set \\(accepted: (c, .*)\\); using (\\w+)\n")));
+    const std::string best = m[2];
+    EXPECT_NE(err_.find("V/qimra: instruction set: " + best + "\n"), std::string::npos) << err_;
+    std::string list = m[1].str().substr(0, m[1].str().find(best) + best.size()) + ", ";
     for (int mode : {0, 2}) {
         const std::string first = mode == 0 ? unknown : at("c", mode);
         ASSERT_EQ(first.size(), 4 * frame_bytes(1280, 720));
-        for (const std::string& level : levels) {
+        for (size_t from = 0, to; (to = list.find(", ", from)) != std::string::npos; from = to + 2) {
+            const std::string level = list.substr(from, to - from);
             EXPECT_TRUE(at(level, mode) == first) << "mode " << mode << ": " << level << " differs";
-            EXPECT_NE(err.find("V/qimra: instruction set: " + level + "\n"), std::string::npos) << err;
+            EXPECT_NE(err_.find("V/qimra: instruction set: " + level + "\n"), std::string::npos) << err_;
         }
     }
 }
@@ -423,7 +376,6 @@ TEST_F(Tool, EveryInstructionSetLevelGivesTheSameBytesAndNamesItself) {
 // and an interrupt also removes the temporary files, in every worker of a batch. SIGKILL cannot be caught: its
 // temporary file stays behind.
 TEST_F(Tool, AnInterruptLeavesTheTargetIntactAndNoTemporaryFile) {
-    const std::string precious = "an earlier result that must survive\n";
     auto temp_files = [&](bool written) {
         int n = 0;
         for (const auto& e : fs::recursive_directory_iterator(dir_))
@@ -439,8 +391,7 @@ TEST_F(Tool, AnInterruptLeavesTheTargetIntactAndNoTemporaryFile) {
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        const std::string stream =
-            y4m("YUV4MPEG2 W128 H96\n", std::string(8 * frame_bytes(128, 96), 'Z'), frame_bytes(128, 96));
+        const std::string stream = y4m("YUV4MPEG2 W128 H96\n", std::string(8 * 18432, 'Z'), 18432);
         std::vector<int> fds;
         for (int i = 0; i < inputs; ++i) {
             fds.push_back(open(path(std::string(1, 'a' + i) + ".y4m").c_str(), O_WRONLY));  // waits for the reader
@@ -455,6 +406,7 @@ TEST_F(Tool, AnInterruptLeavesTheTargetIntactAndNoTemporaryFile) {
         if (ended == 0) kill(pid, SIGKILL), waitpid(pid, &status, 0);
         return ended != 0 && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     };
+    const std::string precious = "an earlier result that must survive\n";
     for (const char* n : {"a.y4m", "b.y4m"}) ASSERT_EQ(mkfifo(path(n).c_str(), 0600), 0);
     for (int sig : {SIGKILL, SIGINT, SIGTERM}) {
         write_file(path("out.y4m"), precious);
@@ -468,7 +420,7 @@ TEST_F(Tool, AnInterruptLeavesTheTargetIntactAndNoTemporaryFile) {
     write_file(path("out/a.y4m"), precious);
     EXPECT_EQ(interrupted("a.y4m b.y4m -o out/ -j 2", 2, SIGINT), SIGINT);
     EXPECT_EQ(temp_files(false), 0);
-    EXPECT_EQ(listing("out"), std::vector<std::string>{"a.y4m"});
+    EXPECT_EQ(listing("out"), Names{"a.y4m"});
     EXPECT_EQ(read_file(path("out/a.y4m")), precious);
 }
 
