@@ -1,6 +1,4 @@
-"""qimra.Engine over the C ABI: the tool's bytes and trace, bad arrays refused, lifetime, memory and the GIL."""
-import ctypes
-import gc
+"""qimra.Engine over the C ABI: the tool's bytes and trace, bad arrays refused, lifetime and the GIL."""
 import subprocess
 import sys
 import threading
@@ -100,7 +98,7 @@ def test_bad_input_raises_error_with_message(call, match):
     assert isinstance(raised.value, ValueError)
 
 
-def test_engine_lifetime_and_memory():
+def test_engine_lifetime():
     first = qimra.Engine(W, H)
     for use, match in ((lambda: first.report, "no frame"), (lambda: qimra.Engine(W, H), "engine")):
         with pytest.raises(qimra.Error, match=match):
@@ -114,44 +112,23 @@ def test_engine_lifetime_and_memory():
         assert second.process(np.full(96 * 48, 30, np.uint8)).shape == (96 * 48,)
         assert (second.width, second.height, second.mode, second.format) == (96, 32, "fixed", "nv21")
     assert second.closed
-    # Engines made and closed keep nothing but the one luma plane (and its allocator header) the library keeps by
-    # design after each teardown below 1280x720; the heap is mallinfo2's uordblks + hblkhd.
-    mallinfo2 = ctypes.CDLL(None).mallinfo2
-    mallinfo2.restype = type("I", (ctypes.Structure,), {"_fields_": [(f"f{i}", ctypes.c_size_t) for i in range(10)]})
-
-    def cycles(n):
-        for _ in range(n):
-            with qimra.Engine(W, H) as e:
-                e.process(GOOD)
-                e.report.as_dict()
-        gc.collect()
-        return np.array([mallinfo2().f7 + mallinfo2().f4, sys.getallocatedblocks()])
-
-    base = cycles(10)
-    heap, blocks = cycles(1000) - base
-    assert heap <= 1000 * (W * H + 16) + 64 * 1024 and blocks < 100, f"{heap} bytes, {blocks} objects left"
 
 
 def test_other_threads_run_while_a_frame_is_processed():
     # With a long switch interval the main thread never hands over the GIL on its own: the other thread can only
-    # run inside process() if the frame is processed without it. One tick inside any frame is proof (on a loaded
-    # two-core machine the engine's own two threads may keep the ticker off the cores for most frames).
+    # run inside process() if the frame is processed without it. One tick inside any of the frames is proof (on a
+    # loaded two-core machine the engine's own two threads may keep the ticker off the cores for most of them).
     stamps, stop, windows, frame = [], threading.Event(), [], np.full(3840 * 2160 * 3 // 2, 20, np.uint8)
-    def ticker():
-        while not stop.wait(0.0001):
-            stamps.append(time.perf_counter())
-
-    thread, old = threading.Thread(target=ticker), sys.getswitchinterval()
+    thread, old = threading.Thread(target=lambda: [stamps.append(time.perf_counter()) for _ in iter(
+        lambda: stop.wait(0.0001), True)]), sys.getswitchinterval()
     sys.setswitchinterval(1.0)
     thread.start()
     try:
         with qimra.Engine(3840, 2160, mode="fixed") as e:
             for _ in range(10):
                 windows.append((time.perf_counter(), e.process(frame, out=frame) is frame and time.perf_counter()))
-                time.sleep(0.001)
     finally:
         stop.set()
         thread.join()
         sys.setswitchinterval(old)
-    inside = [sum(t0 < s < t1 for s in stamps) for t0, t1 in windows]
-    assert any(n > 0 for n in inside), f"ticks inside each frame: {inside}"
+    assert any(t0 < s < t1 for s in stamps for t0, t1 in windows), f"{len(stamps)} ticks, none inside a frame"
