@@ -1,6 +1,5 @@
-// The qimra tool as a user runs it: input and output layouts against the engine's bytes on real photographs, each
-// refusal with its exit status and one-line message and nothing left behind, pictures and videos through FFmpeg,
-// batches into a folder, QIMRA_ISA and interrupts.
+// The qimra tool as a user runs it, on real photographs: layouts against the engine's bytes, refusals, truncation,
+// pictures and videos through FFmpeg, batches into a folder and interrupts.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -11,9 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <qimra/qimra.hpp>
-#include <regex>
 
-#include "error.h"
 #include "output_file.h"
 #include "support/media.h"
 
@@ -21,19 +18,20 @@ namespace qimra::tool {
 namespace {
 
 namespace fs = std::filesystem;
+using std::string;
 using CF = ColourFormat;
-using Names = std::vector<std::string>;
-const std::string kTool = QIMRA_TOOL_PATH, kMedia = QIMRA_MEDIA_DIR, kPlain = " F25:1 Ip A0:0 C420jpeg\n";
+using Names = std::vector<string>;
+const string kTool = QIMRA_TOOL_PATH, kMedia = QIMRA_MEDIA_DIR, kVgaY4m = "YUV4MPEG2 W640 H480\n";
 const size_t kVga = frame_bytes(640, 480);
 
-std::string read_file(const fs::path& p) {
+string read_file(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return string(std::istreambuf_iterator<char>(in), {});
 }
-void write_file(const fs::path& p, const std::string& bytes) { std::ofstream(p, std::ios::binary) << bytes; }
+void write_file(const fs::path& p, const string& bytes) { std::ofstream(p, std::ios::binary) << bytes; }
 
-std::string photos(int w, int h, int count = 4) {
-    std::string s;
+string photos(int w, int h, int count = 4) {
+    string s;
     for (const char* n : {"evening", "path", "darkest", "water"})
         if (count-- > 0) {
             const std::vector<uint8_t> f = test::load_i420(n, w, h);
@@ -42,16 +40,16 @@ std::string photos(int w, int h, int count = 4) {
     return s;
 }
 
-std::string y4m(const std::string& header, const std::string& frames, size_t frame = kVga) {
-    std::string s = header;
+string y4m(const string& header, const string& frames, size_t frame = kVga) {
+    string s = header;
     for (size_t at = 0; at < frames.size(); at += frame) s += "FRAME\n" + frames.substr(at, frame);
     return s;
 }
 
-// Packed I420 frames in another layout, rearranged here rather than by the tool's own conversion under test.
-std::string as(const std::string& i420, CF f, size_t luma = 640 * 480) {
-    std::string out;
-    for (size_t at = 0, q = luma / 4; at < i420.size(); at += luma + 2 * q) {
+// 640x480 I420 frames in another layout, rearranged here rather than by the tool's own conversion under test.
+string as(const string& i420, CF f) {
+    string out;
+    for (size_t at = 0, luma = 640 * 480, q = luma / 4; at < i420.size(); at += luma + 2 * q) {
         const char *u = &i420[at + luma], *v = u + q;
         out.append(i420, at, luma);
         if (f == CF::yv12 || f == CF::nv21) std::swap(u, v);
@@ -61,8 +59,8 @@ std::string as(const std::string& i420, CF f, size_t luma = 640 * 480) {
     return out;
 }
 
-// What the engine makes of packed I420 frames, in this process.
-std::string enhanced(std::string frames, int w, int h, int mode, float gamma = 0.5f) {
+// What the engine makes of I420 frames in this process, at the best instruction set level.
+string enhanced(string frames, int w, int h, int mode, float gamma = 0.5f) {
     LibraryMessages quiet(false);
     Engine e(w, h, gamma, static_cast<Mode>(mode), CF::i420);
     for (size_t at = 0; at < frames.size(); at += frame_bytes(w, h))
@@ -70,7 +68,7 @@ std::string enhanced(std::string frames, int w, int h, int mode, float gamma = 0
     return frames;
 }
 
-double psnr(const std::string& a, const std::string& b, size_t n) {  // over the first n bytes (the luma)
+double psnr(const string& a, const string& b, size_t n) {  // over the first n bytes (the luma)
     double se = 0.0;
     for (size_t i = 0; i < n; ++i) se += std::pow(double(uint8_t(a[i])) - uint8_t(b[i]), 2);
     return se == 0.0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * static_cast<double>(n) / se);
@@ -84,31 +82,29 @@ protected:
         dir_ = tmpl;
     }
     void TearDown() override { fs::remove_all(dir_); }
-    fs::path path(const std::string& name) const { return dir_ / name; }
+    fs::path path(const string& name) const { return dir_ / name; }
 
     // The tool's exit status in the test's folder (`args` may redirect its input and output); err_ is what it said.
-    int run(const std::string& args, const std::string& env = "") {
-        const std::string cmd = "cd " + dir_.string() + " && " + env + " " + kTool + " " + args + " 2> err.txt";
-        const int status = std::system(cmd.c_str());
-        err_ = read_file(path("err.txt"));
-        fs::remove(path("err.txt"));
+    int run(const string& args, const string& env = "") {
+        const int status = std::system(("cd " + dir_.string() + " && " + env + kTool + " " + args + " 2>e").c_str());
+        err_ = read_file(path("e"));
+        fs::remove(path("e"));
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    // What ffmpeg (or a shell command) writes into `out`.
-    std::string ff(const std::string& args, const std::string& out = "-f rawvideo ff.out",
-                   const std::string& program = "ffmpeg -nostdin -v error -y ") const {
-        const std::string cmd = "cd " + dir_.string() + " && " + program + args + " " + out;
+    bool said(const string& text) const { return err_.find(text) != string::npos; }
+    // What ffmpeg (or another program) writes into `out`.
+    string ff(const string& args, const string& out = "-f rawvideo ff.out",
+              const string& program = "ffmpeg -nostdin -v error -y ") const {
+        const string cmd = "cd " + dir_.string() + " && " + program + args + " " + out;
         EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
         return read_file(path(out.substr(out.rfind(' ') + 1)));
     }
-    std::string decode_i420(const std::string& file) const {
-        return ff("-i " + file + " -frames:v 1 -pix_fmt yuv420p");
-    }
-    std::string probe(const std::string& file, const std::string& what) const {
-        return ff(what + " -of csv=p=0 " + file, "| grep -v '^$' | cut -d, -f1-4 | sed 's/,$//' > probe.txt",
+    string decode_i420(const string& file) const { return ff("-i " + file + " -frames:v 1 -pix_fmt yuv420p"); }
+    string probe(const string& file, const string& what) const {
+        return ff(what + " -of csv=p=0 " + file, "| grep -v '^$' | cut -d, -f1-4 | sed 's/,$//' > p",
                   "ffprobe -v error ");
     }
-    Names listing(const std::string& sub = "") const {
+    Names listing(const string& sub = "") const {
         Names names;
         for (const auto& e : fs::directory_iterator(dir_ / sub)) names.push_back(e.path().filename().string());
         std::sort(names.begin(), names.end());
@@ -116,24 +112,22 @@ protected:
     }
 
     fs::path dir_;
-    std::string err_;
+    string err_;
 };
 
 TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
-    const std::string i420 = photos(640, 480), nv21 = as(i420, CF::nv21);
-    // A stream's own tags are kept; raw input gets progressive, jpeg-sited ones of unknown aspect.
-    const std::string tags = "YUV4MPEG2 W640 H480 F30000:1001 It A4:3 C420mpeg2 XYSCSS=420MPEG2\n";
-    std::string in = y4m(tags, i420);
+    const string i420 = photos(640, 480), tags = "YUV4MPEG2 W640 H480 F30000:1001 It A4:3 C420mpeg2 XYSCSS=420MPEG2\n";
+    string in = y4m(tags, i420);
     write_file(path("in.y4m"), in.insert(tags.size() + 6 + kVga + 5, " Ixyz"));  // parameters after FRAME are allowed
     write_file(path("in.yuv"), i420);
-    for (const char* f : {"in.nv21", "in.frames", "in.nv12"}) write_file(path(f), nv21);
-    const std::tuple<std::string, std::string, CF, std::string> rows[] = {
-        // arguments, the output read, its layout, its Y4M header
+    for (const char* f : {"in.nv21", "in.frames", "in.nv12"}) write_file(path(f), as(i420, CF::nv21));
+    const std::tuple<string, string, CF, string> rows[] = {
+        // arguments, the output read, its layout, its Y4M header: a stream's own tags are kept
         {"in.y4m -o out.y4m", "out.y4m", CF::i420, tags},
         {"in.y4m -o out.nv21", "out.nv21", CF::nv21, ""},
         {"in.y4m -o out.yuv --format yv12", "out.yuv", CF::yv12, ""},
         {"in.nv21 --size 640x480 -o out.yuv", "out.yuv", CF::nv21, ""},  // a raw output keeps the input's layout
-        {"in.nv21 --size 640x480 -o out.y4m", "out.y4m", CF::i420, "YUV4MPEG2 W640 H480" + kPlain},
+        {"in.nv21 --size 640x480 -o out.y4m", "out.y4m", CF::i420, "YUV4MPEG2 W640 H480 F25:1 Ip A0:0 C420jpeg\n"},
         {"in.frames --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},  // any name is raw
         {"in.nv12 --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},    // over what a name says
         {"in.nv21 --size 640x480 -o folder/", "folder/in.nv21", CF::nv21, ""},
@@ -142,20 +136,21 @@ TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
         {"- -o - --to nv12 < in.y4m > piped", "piped", CF::nv12, ""},
         {"- --size 640x480 -o - --to yuv < in.yuv > piped", "piped", CF::i420, ""},
     };
-    for (int mode : {0, 2}) {
-        const std::string want = enhanced(i420, 640, 480, mode, 0.6f);
+    // Mode 0 at the lowest instruction set level: every level gives the same bytes.
+    for (auto [mode, env] : {std::pair{0, "QIMRA_ISA=c "}, {2, ""}}) {
+        const string want = enhanced(i420, 640, 480, mode, 0.6f);
         for (const auto& [args, out, layout, header] : rows) {
-            SCOPED_TRACE(args + " --mode " + std::to_string(mode));
-            ASSERT_EQ(run("enhance --gamma 0.6 --mode " + std::to_string(mode) + " " + args), 0) << err_;
-            EXPECT_EQ(args.find("--verbose") != std::string::npos, err_.find("Allocated") != std::string::npos);
-            EXPECT_TRUE(read_file(path(out)) == (header.empty() ? as(want, layout) : y4m(header, as(want, layout))));
+            ASSERT_EQ(run("enhance --gamma 0.6 --mode " + std::to_string(mode) + " " + args, env), 0) << err_;
+            EXPECT_EQ(args.find("--verbose") != string::npos, said("Allocated")) << args;
+            EXPECT_TRUE(read_file(path(out)) == (header.empty() ? as(want, layout) : y4m(header, as(want, layout))))
+                << args << " --mode " << mode;
         }
     }
 }
 
 TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
-    const std::string frame(frame_bytes(64, 64), '\x50'), one = "YUV4MPEG2 W64 H64\nFRAME\n" + frame;
-    const std::tuple<std::string, std::string, int, std::string> cases[] = {
+    const string frame(frame_bytes(64, 64), 'P'), one = "YUV4MPEG2 W64 H64\nFRAME\n" + frame;
+    const std::tuple<string, string, int, string> cases[] = {
         // arguments (the input in.* holding the bytes), the bytes, exit status, message
         {"enhance missing.y4m -o out.y4m", "", 1, "missing.y4m: cannot open: No such file or directory"},
         {"enhance in.bmp -o out.y4m", "x", 1, "in.bmp: unknown extension '.bmp'"},
@@ -188,42 +183,42 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance a.y4m -o y.y4m -j 2", "", 2, "-j is for several inputs into a folder"},
     };
     for (const auto& [args, bytes, code, message] : cases) {
-        SCOPED_TRACE(args);
         const size_t at = args.find("in.");
-        const std::string file = at == std::string::npos ? "" : args.substr(at, args.find(' ', at) - at);
+        const string file = at == string::npos ? "" : args.substr(at, args.find(' ', at) - at);
         if (!file.empty()) write_file(path(file), bytes);
         write_file(path("out.y4m"), "precious");  // an existing output survives a failed run untouched
-        EXPECT_EQ(run(args + " < /dev/null"), code);
-        EXPECT_EQ(err_.rfind("qimra: " + message, 0), 0u) << err_;
+        EXPECT_EQ(run(args + " </dev/null"), code) << args;
+        EXPECT_EQ(err_, "qimra: " + message + err_.substr(std::min(err_.size(), 7 + message.size())));
         EXPECT_EQ(std::count(err_.begin(), err_.end(), '\n'), 1) << "one line: " << err_;
         EXPECT_EQ(read_file(path("out.y4m")), "precious");
         Names left = listing();
         std::erase(left, file);
-        EXPECT_EQ(left, Names{"out.y4m"}) << "nothing left behind";
+        EXPECT_EQ(left, Names{"out.y4m"}) << "nothing left behind by " << args;
         if (!file.empty()) fs::remove(path(file));
     }
 }
 
 TEST_F(Tool, ATruncatedLastFrameKeepsTheCompleteFrames) {
-    const std::string i420 = photos(640, 480), want = enhanced(i420.substr(0, 3 * kVga), 640, 480, 0);
-    const std::string cut = y4m("YUV4MPEG2 W640 H480\n", i420);
+    const string i420 = photos(640, 480), want = enhanced(i420.substr(0, 3 * kVga), 640, 480, 0),
+                 cut = y4m(kVgaY4m, i420);
     write_file(path("cut.y4m"), cut.substr(0, cut.size() - 1000));
     write_file(path("cut.yuv"), i420.substr(0, i420.size() - 1000));
-    write_file(path("fra.y4m"), y4m("YUV4MPEG2 W640 H480\n", i420.substr(0, 3 * kVga)) + "FRA");
-    const std::pair<std::string, std::string> cases[] = {
+    write_file(path("fra.y4m"), y4m(kVgaY4m, i420.substr(0, 3 * kVga)) + "FRA");
+    const std::pair<string, string> cases[] = {
         {"cut.y4m -o out.y4m --trace out.csv",
          "cut.y4m: frame 3 is truncated (459800 of 460800 bytes); the 3 complete frames before it were written\n"},
         {"fra.y4m -o out.y4m", "fra.y4m: the input ends inside the header of frame 3"},
-        {"- --size 640x480 -o - --to yuv < cut.yuv > out.yuv", "standard input: frame 3 is truncated (459800 of"},
+        {"- --size 640x480 -o - --to yuv <cut.yuv >out.yuv", "standard input: frame 3 is truncated (459800 of"},
     };
     for (const auto& [args, message] : cases) {
-        EXPECT_EQ(run("enhance --mode 0 " + args), kExitTruncated) << args;
+        EXPECT_EQ(run("enhance --mode 0 " + args), 3) << args;
         EXPECT_EQ(err_.rfind("qimra: " + message, 0), 0u) << err_;
-        const bool raw = args[0] == '-';
-        EXPECT_TRUE(read_file(path(raw ? "out.yuv" : "out.y4m")) ==
-                    (raw ? want : y4m("YUV4MPEG2 W640 H480" + kPlain, want)));
+        EXPECT_TRUE(args[0] == '-'
+                        ? read_file(path("out.yuv")) == want
+                        : read_file(path("out.y4m")) == y4m("YUV4MPEG2 W640 H480 F25:1 Ip A0:0 C420jpeg\n", want));
     }
-    const std::string csv = read_file(path("out.csv"));
+    const string csv = read_file(path("out.csv"));
+    EXPECT_EQ(csv.substr(0, csv.find('\n')), "frame,decision,enhanced,mid,gamma,top_level,chroma_sigma");
     EXPECT_EQ(std::count(csv.begin(), csv.end(), '\n'), 4) << "a header and the three frames";
 }
 
@@ -231,49 +226,39 @@ TEST_F(Tool, OddPicturesAndVideosKeepTheirSize) {
     // A real photograph cut to odd sizes, beside the even picture made by repeating its last column and row: the odd
     // result is that picture's result cropped back, to the byte.
     for (auto [w, h] : {std::pair{3, 5}, std::pair{301, 203}, std::pair{640, 479}}) {
-        const std::string sw = std::to_string(w), sh = std::to_string(h), crop = " -vf crop=" + sw + ":" + sh + ":0:0";
+        const string sw = std::to_string(w), sh = std::to_string(h), crop = " -vf crop=" + sw + ":" + sh + ":0:0";
         ff("-i " + kMedia + "/photos/pier.jpg" + crop + " -pix_fmt rgb24", "odd.png");
         ff("-i odd.png -vf pad=" + std::to_string(w + w % 2) + ":" + std::to_string(h + h % 2) + ",fillborders=right=" +
                std::to_string(w % 2) + ":bottom=" + std::to_string(h % 2) + ":mode=smear -pix_fmt rgb24",
            "even.png");
         ASSERT_EQ(run("enhance odd.png -o odd_out.png --mode 0") + run("enhance even.png -o even_out.png --mode 0"), 0);
-        const std::string got = ff("-i odd_out.png -pix_fmt rgb24");
+        const string got = ff("-i odd_out.png -pix_fmt rgb24");
         EXPECT_EQ(got.size(), static_cast<size_t>(w) * h * 3);
         EXPECT_TRUE(got == ff("-i even_out.png -pix_fmt rgb24" + crop)) << sw << "x" << sh;
         // An odd 4:2:0 video, and every picture and video output, keep the size; Y4M cannot hold it.
         ff("-i odd.png -pix_fmt yuv420p -c:v ffv1", "odd.mkv");
-        for (const char* out : {"out.jpg", "out.mp4", "out.webm"}) {
-            ASSERT_EQ(run(std::string("enhance odd.mkv -o ") + out), 0) << out;
+        for (const string out : {"out.jpg", "out.mp4", "out.webm"}) {
+            ASSERT_EQ(run("enhance odd.mkv -o " + out), 0) << out;
             EXPECT_EQ(probe(out, "-show_entries stream=width,height"), sw + "," + sh + "\n") << out;
         }
         EXPECT_EQ(run("enhance odd.png -o out.y4m"), 1);
-        EXPECT_EQ(err_.rfind("qimra: out.y4m: cannot hold the " + sw + "x" + sh + " frames of odd.png", 0), 0u);
+        EXPECT_TRUE(said("qimra: out.y4m: cannot hold the " + sw + "x" + sh + " frames of odd.png")) << err_;
     }
 }
 
-TEST_F(Tool, PicturesAndVideosThroughFfmpeg) {
-    // A real photograph as PNG: the tool reads it as ffmpeg does; as PNG and JPEG it decodes to what was enhanced.
-    fs::copy_file(kMedia + "/photos/coffee.png", path("coffee.png"));
-    ASSERT_EQ(run("enhance coffee.png -o coffee.yuv --mode 0"), 0);
-    const std::string picture = read_file(path("coffee.yuv"));
-    ASSERT_EQ(picture.size(), frame_bytes(600, 400));
-    EXPECT_GT(psnr(picture, enhanced(decode_i420("coffee.png"), 600, 400, 0), 600 * 400), 38.0);
-    for (const std::string ext : {"png", "jpg"}) {
-        ASSERT_EQ(run("enhance coffee.png --mode 0 -o out." + ext), 0);
-        EXPECT_GT(psnr(decode_i420("out." + ext), picture, 600 * 400), ext == "png" ? 40.0 : 34.0);
-    }
+TEST_F(Tool, VideoFramesTimingAndAudio) {
     // A short lossless clip of a real photograph with a tone: every frame, the timing, the audio copied.
     ff("-loop 1 -i " + kMedia + "/photos/water.jpg -f lavfi -i sine=frequency=440 -vf scale=640:360,format=yuv420p " +
            "-r 25 -t 0.8 -c:v libx264 -preset ultrafast -qp 0 -c:a aac -shortest",
        "clip.mp4");
     ASSERT_EQ(run("enhance clip.mp4 -o clip.y4m --mode 0"), 0);
-    const std::string stream = read_file(path("clip.y4m")), first = enhanced(decode_i420("clip.mp4"), 640, 360, 0);
+    const string stream = read_file(path("clip.y4m")), first = enhanced(decode_i420("clip.mp4"), 640, 360, 0);
     const size_t header = stream.find('\n') + 1;
     EXPECT_EQ(stream.rfind("YUV4MPEG2 W640 H360 F25:1 ", 0), 0u);
     EXPECT_EQ(stream.size(), header + 20 * (6 + first.size()));
     EXPECT_TRUE(stream.substr(header, 6 + first.size()) == "FRAME\n" + first);
-    const std::string audio = probe("clip.mp4", "-select_streams a -show_entries packet=size");
-    for (const std::string out : {"out.mp4", "out.mkv", "out.mov"}) {
+    const string audio = probe("clip.mp4", "-select_streams a -show_entries packet=size");
+    for (const string out : {"out.mp4", "out.mkv", "out.mov"}) {
         ASSERT_EQ(run("enhance clip.mp4 --mode 0 -o " + out), 0) << out;
         EXPECT_EQ(probe(out,
                         "-select_streams v -count_frames -show_entries stream=codec_name,width,height,"
@@ -286,22 +271,18 @@ TEST_F(Tool, PicturesAndVideosThroughFfmpeg) {
 }
 
 TEST_F(Tool, ABatchEqualsOneByOneRunsAndNeverWritesOverAnInputOrTwiceToOneName) {
-    // Real photographs as streams and pictures, and a broken file among them.
-    const std::string i420 = photos(640, 480, 3);
-    for (int k : {0, 1, 2})
-        write_file(path(std::string(1, "abe"[k]) + ".y4m"), y4m("YUV4MPEG2 W640 H480\n", i420.substr(k * kVga)));
+    const string i420 = photos(640, 480, 3);
+    for (int k : {0, 1, 2}) write_file(path(string(1, "abe"[k]) + ".y4m"), y4m(kVgaY4m, i420.substr(k * kVga)));
     fs::copy_file(kMedia + "/photos/coffee.png", path("c.png"));
-    fs::copy_file(kMedia + "/photos/chelsea.png", path("d.png"));
     write_file(path("broken.png"), "not a picture");
-    const Names good = {"a.y4m", "b.y4m", "c.png", "d.png"};
+    const Names good = {"a.y4m", "b.y4m", "c.png"};
     fs::create_directories(path("one"));
-    for (const std::string& f : good) ASSERT_EQ(run("enhance " + f + " -o one/" + f), 0) << f;
+    for (const string& f : good) ASSERT_EQ(run("enhance " + f + " -o one/" + f), 0) << f;
     for (const char* jobs : {"-j 1", "-j2"}) {
-        EXPECT_EQ(run("enhance a.y4m broken.png b.y4m c.png d.png -o batch/ " + std::string(jobs)), 1);
-        EXPECT_NE(err_.find("qimra: broken.png: cannot read it"), std::string::npos) << err_;
-        EXPECT_TRUE(err_.ends_with("qimra: 4 written, 1 failed\n")) << err_;
+        EXPECT_EQ(run("enhance a.y4m broken.png b.y4m c.png -o batch/ " + string(jobs)), 1);
+        EXPECT_TRUE(said("qimra: broken.png: cannot read it") && err_.ends_with("qimra: 3 written, 1 failed\n"));
         EXPECT_EQ(listing("batch"), good) << "each result under its input's name, and nothing else";
-        for (const std::string& f : good) EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f)));
+        for (const string& f : good) EXPECT_TRUE(read_file(path("batch/" + f)) == read_file(path("one/" + f)));
         fs::remove_all(path("batch"));
     }
     // --to names the kind of every result; all good, all written, nothing said.
@@ -312,89 +293,41 @@ TEST_F(Tool, ABatchEqualsOneByOneRunsAndNeverWritesOverAnInputOrTwiceToOneName) 
     fs::create_directories(path("sub"));
     for (const char* f : {"sub/e.y4m", "one/e.y4m"}) fs::copy_file(path("e.y4m"), path(f));
     fs::copy_file(path("c.png"), path("e.png"));
-    const std::tuple<std::string, std::string, std::string> cases[] = {
-        // arguments, the failure reported, the summary
-        {"e.y4m sub/e.y4m -o two/", "sub/e.y4m: its output two/e.y4m is already the output of e.y4m", "1 written, 1"},
-        {"one/e.y4m e.y4m -o one", "one/e.y4m: writing one/e.y4m would overwrite the input itself", "0 written, 2"},
-        {"e.y4m e.png -o pics/ --to y4m", "e.png: its output pics/e.y4m is already the output of e.y4m",
-         "1 written, 1"},
+    const std::pair<string, string> cases[] = {
+        {"e.y4m sub/e.y4m -o two/", "sub/e.y4m: its output two/e.y4m is already the output of e.y4m\nqimra: 1 written"},
+        {"one/e.y4m e.y4m -o one", "one/e.y4m: writing one/e.y4m would overwrite the input itself"},
+        {"e.y4m e.png -o pics/ --to y4m", "e.png: its output pics/e.y4m is already the output of e.y4m"},
     };
-    for (const auto& [args, message, summary] : cases) {
+    for (const auto& [args, message] : cases) {
         EXPECT_EQ(run("enhance --mode 0 " + args), 1) << args;
-        EXPECT_NE(err_.find("qimra: " + message), std::string::npos) << err_;
-        EXPECT_TRUE(err_.ends_with("qimra: " + summary + " failed\n")) << err_;
+        EXPECT_TRUE(said("qimra: " + message)) << err_;
         EXPECT_TRUE(read_file(path("one/e.y4m")) == read_file(path("e.y4m")));
     }
     EXPECT_EQ(listing("two"), Names{"e.y4m"});
 }
 
-TEST_F(Tool, TraceAndCompare) {
-    write_file(path("in.y4m"), y4m("YUV4MPEG2 W640 H480\n", photos(640, 480)));
-    ASSERT_EQ(run("enhance in.y4m -o out.y4m --trace t.csv --plot t.svg --mode 0 --gamma 0.7"), 0);
-    std::string csv = "frame,decision,enhanced,mid,gamma,top_level,chroma_sigma\n";
-    for (int i = 0; i < 4; ++i) csv += std::to_string(i) + ",1,1,128,0.7000,230,4.0000\n";
-    EXPECT_EQ(read_file(path("t.csv")), csv);
-    // A plot of the decision, mid, gamma and top level.
-    const std::string svg = read_file(path("t.svg"));
-    EXPECT_TRUE(svg.starts_with("<?xml") && svg.find("</svg>") != std::string::npos);
-    const std::regex polyline("<polyline");
-    EXPECT_EQ(std::distance(std::sregex_iterator(svg.begin(), svg.end(), polyline), std::sregex_iterator()), 4);
-    // Two 640-wide panels and a 480-square curve between margins of 16: a 1824x544 PNG.
-    ASSERT_EQ(run("compare in.y4m -o cmp.png --frame 2 --mode 0"), 0);
-    EXPECT_EQ(read_file(path("cmp.png")).substr(1, 23), std::string("PNG\r\n\x1a\n\0\0\0\rIHDR"
-                                                                    "\0\0\x07\x20\0\0\x02\x20",
-                                                                    23));
-}
-
-TEST_F(Tool, EveryInstructionSetLevelGivesTheSameBytesAndNamesItself) {
-    write_file(path("in.yuv"), photos(1280, 720));  // quarter-size analysis
-    auto at = [&](const std::string& isa, int mode) {
-        const std::string args = "enhance in.yuv --size 1280x720 -o out.yuv --quiet --verbose >/dev/null --mode ";
-        EXPECT_EQ(run(args + std::to_string(mode), "QIMRA_ISA=" + isa), 0);
-        return read_file(path("out.yuv"));
-    };
-    // An unknown value is named with the accepted ones, from the lowest, and the best level runs.
-    const std::string unknown = at("sse5", 0);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(
-        err_, m, std::regex("QIMRA_ISA=\"sse5\" is not an instruction set \\(accepted: (c, .*)\\); using (\\w+)\n")));
-    const std::string best = m[2];
-    EXPECT_NE(err_.find("V/qimra: instruction set: " + best + "\n"), std::string::npos) << err_;
-    std::string list = m[1].str().substr(0, m[1].str().find(best) + best.size()) + ", ";
-    for (int mode : {0, 2}) {
-        const std::string first = mode == 0 ? unknown : at("c", mode);
-        ASSERT_EQ(first.size(), 4 * frame_bytes(1280, 720));
-        for (size_t from = 0, to; (to = list.find(", ", from)) != std::string::npos; from = to + 2) {
-            const std::string level = list.substr(from, to - from);
-            EXPECT_TRUE(at(level, mode) == first) << "mode " << mode << ": " << level << " differs";
-            EXPECT_NE(err_.find("V/qimra: instruction set: " + level + "\n"), std::string::npos) << err_;
-        }
-    }
-}
-
 // The tool killed while writing: an existing target survives untouched (outputs are only ever renamed into place),
-// and an interrupt also removes the temporary files, in every worker of a batch. SIGKILL cannot be caught: its
-// temporary file stays behind.
+// and an interrupt also removes the temporary files, in every worker of a batch; SIGKILL leaves its one behind.
 TEST_F(Tool, AnInterruptLeavesTheTargetIntactAndNoTemporaryFile) {
     auto temp_files = [&](bool written) {
         int n = 0;
         for (const auto& e : fs::recursive_directory_iterator(dir_))
-            n += e.path().filename().string().find(".qimra-") != std::string::npos && (!written || fs::file_size(e));
+            n += e.path().filename().string().find(".qimra-") != string::npos && (!written || fs::file_size(e));
         return n;
     };
     // Feeds named pipes a.y4m, b.y4m... that never end to the tool, waits until as many temporary files hold
     // output, sends `sig` to the tool alone and returns the signal it died of (0: not ended 30 s later).
-    auto interrupted = [&](const std::string& args, int inputs, int sig) {
+    auto interrupted = [&](const string& args, int inputs, int sig) {
         const pid_t pid = fork();
         if (pid == 0) {
-            const std::string cmd = "cd " + dir_.string() + " && exec " + kTool + " enhance --quiet " + args;
+            const string cmd = "cd " + dir_.string() + " && exec " + kTool + " enhance --quiet " + args;
             execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        const std::string stream = y4m("YUV4MPEG2 W128 H96\n", std::string(8 * 18432, 'Z'), 18432);
+        const string stream = y4m("YUV4MPEG2 W128 H96\n", string(8 * 18432, 'Z'), 18432);
         std::vector<int> fds;
         for (int i = 0; i < inputs; ++i) {
-            fds.push_back(open(path(std::string(1, 'a' + i) + ".y4m").c_str(), O_WRONLY));  // waits for the reader
+            fds.push_back(open(path(string(1, 'a' + i) + ".y4m").c_str(), O_WRONLY));  // waits for the reader
             EXPECT_EQ(write(fds.back(), stream.data(), stream.size()), static_cast<ssize_t>(stream.size()));
         }
         for (int t = 0; temp_files(true) < inputs && t < 6000; ++t) usleep(10000);
@@ -406,15 +339,15 @@ TEST_F(Tool, AnInterruptLeavesTheTargetIntactAndNoTemporaryFile) {
         if (ended == 0) kill(pid, SIGKILL), waitpid(pid, &status, 0);
         return ended != 0 && WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     };
-    const std::string precious = "an earlier result that must survive\n";
+    const string precious = "an earlier result that must survive\n";
     for (const char* n : {"a.y4m", "b.y4m"}) ASSERT_EQ(mkfifo(path(n).c_str(), 0600), 0);
     for (int sig : {SIGKILL, SIGINT, SIGTERM}) {
         write_file(path("out.y4m"), precious);
         EXPECT_EQ(interrupted("a.y4m -o out.y4m", 1, sig), sig);
         EXPECT_EQ(read_file(path("out.y4m")), precious);
         EXPECT_EQ(temp_files(false), sig == SIGKILL ? 1 : 0) << sig;
-        for (const std::string& f : listing())
-            if (f.find(".qimra-") != std::string::npos) fs::remove(path(f));
+        for (const string& f : listing())
+            if (f.find(".qimra-") != string::npos) fs::remove(path(f));
     }
     fs::create_directory(path("out"));
     write_file(path("out/a.y4m"), precious);
