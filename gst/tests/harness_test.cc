@@ -1,5 +1,4 @@
-// qimraenhance in a GstHarness against qimra::Engine run directly on the same real frames, and its refusals as an
-// application sees them on the bus.
+// qimraenhance in a GstHarness against qimra::Engine run directly on the same real frames.
 #include <gst/check/gstharness.h>
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
@@ -120,11 +119,9 @@ TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
     for (const Step& s : steps)
         for (int i = 0; i < s.frames; ++i) {
             Bytes frame = real_frame(static_cast<int>(expected.size()), s.w, s.h);
-            if (!s.bypass && (!engine || key != std::tuple{s.w, s.h, s.format, s.mode, s.gamma})) {
-                engine.reset();
-                engine.emplace(s.w, s.h, s.gamma, s.mode, s.format);
-                key = {s.w, s.h, s.format, s.mode, s.gamma};
-            }
+            if (!s.bypass && (!engine || key != std::tuple{s.w, s.h, s.format, s.mode, s.gamma}))
+                engine.reset(), engine.emplace(s.w, s.h, s.gamma, s.mode, s.format),
+                    key = {s.w, s.h, s.format, s.mode, s.gamma};
             if (!s.bypass) engine->process(packed_frame(std::span<uint8_t>(frame), s.w, s.h, s.format));
             const guint64 pts = expected.size() * 40 * GST_MSECOND;
             expected.emplace_back(std::move(frame), s.bypass || !s.post ? "" : fields(engine->report(), pts));
@@ -136,19 +133,16 @@ TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
     gst_element_set_bus(h->element, bus);
     int index = 0;
     for (const Step& s : steps) {
-        const char* caps = s.format == CF::i420   ? "I420"
-                           : s.format == CF::yv12 ? "YV12"
-                           : s.format == CF::nv12 ? "NV12"
-                                                  : "NV21";
-        g_object_set(h->element, "mode", static_cast<gint>(s.mode), "gamma", s.gamma, "bypass", s.bypass,
-                     "post-messages", s.post, nullptr);
-        gst_harness_set_src_caps(
-            h, gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, caps, "width", G_TYPE_INT, s.w, "height",
-                                   G_TYPE_INT, s.h, "framerate", GST_TYPE_FRACTION, 25, 1, nullptr));
+        static const char* kCaps[] = {"I420", "YV12", "NV12", "NV21"};
+        const char* caps = kCaps[static_cast<int>(s.format)];
+        g_object_set(h->element, "mode", s.mode, "gamma", s.gamma, "bypass", s.bypass, "post-messages", s.post,
+                     nullptr);
+        gst_harness_set_src_caps_str(h, (std::string("video/x-raw,framerate=25/1,format=") + caps +
+                                         ",width=" + std::to_string(s.w) + ",height=" + std::to_string(s.h))
+                                            .c_str());
         GstVideoInfo info;
         gst_video_info_set_format(&info, gst_video_format_from_string(caps), s.w, s.h);
         for (int i = 0; i < s.frames; ++i, ++index) {
-            SCOPED_TRACE("frame " + std::to_string(index));
             GstBuffer* in = make_buffer(real_frame(index, s.w, s.h), &info, s.strided);
             GST_BUFFER_PTS(in) = static_cast<GstClockTime>(index) * 40 * GST_MSECOND;
             GST_BUFFER_DURATION(in) = 40 * GST_MSECOND;
@@ -156,16 +150,13 @@ TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
             GstBuffer* out = gst_harness_pull(h);
             Bytes got(expected[index].first.size());
             copy_planes(out, &info, got, false);
-            EXPECT_TRUE(got == expected[index].first);
+            EXPECT_TRUE(got == expected[index].first) << "frame " << index;
             // A report is due unless in bypass or with messages off: as a message named qimra and as a meta.
             GstMessage* msg = gst_bus_pop_filtered(bus, GST_MESSAGE_ELEMENT);
+            const GstStructure* posted = msg ? gst_message_get_structure(msg) : nullptr;
             GstCustomMeta* meta = gst_buffer_get_custom_meta(out, "GstQimraMeta");
-            const std::string& report = expected[index].second;
-            EXPECT_EQ(msg && gst_structure_has_name(gst_message_get_structure(msg), "qimra")
-                          ? fields(gst_message_get_structure(msg))
-                          : "",
-                      report);
-            EXPECT_EQ(meta ? fields(gst_custom_meta_get_structure(meta)) : "", report);
+            EXPECT_EQ(posted && gst_structure_has_name(posted, "qimra") ? fields(posted) : "", expected[index].second);
+            EXPECT_EQ(meta ? fields(gst_custom_meta_get_structure(meta)) : "", expected[index].second) << index;
             if (msg) gst_message_unref(msg);
             gst_buffer_unref(out);
         }
@@ -175,40 +166,6 @@ TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
     gst_harness_teardown(h);
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(qimra_engine_alive(), 0);
-}
-
-// Caps the core cannot take are refused when they are set, a second running element when it starts. An instance
-// that never starts holds no engine, and nothing stays claimed.
-TEST(QimraEnhancePipeline, RefusalsAreErrorsThatSayWhy) {
-    init_gstreamer();
-    const std::tuple<const char*, GQuark, int, const char*> cases[] = {
-        {"videotestsrc ! video/x-raw,format=I420,width=640,height=480 ! "
-         "capssetter caps=video/x-raw,interlace-mode=interleaved ! qimraenhance ! fakesink",
-         GST_STREAM_ERROR, GST_STREAM_ERROR_FORMAT, "progressive frames only"},
-        {"videotestsrc ! video/x-raw,format=NV12,width=642,height=481 ! qimraenhance ! fakesink", GST_STREAM_ERROR,
-         GST_STREAM_ERROR_FORMAT, "even width and height; 642x481"},
-        {"videotestsrc ! qimraenhance ! qimraenhance ! fakesink", GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_BUSY,
-         "one qimraenhance already runs in this process"},
-    };
-    GstElement* idle = gst_element_factory_make("qimraenhance", nullptr);
-    for (const auto& [launch, domain, code, says] : cases) {
-        GstElement* pipeline = gst_parse_launch(launch, nullptr);
-        GstBus* bus = gst_element_get_bus(pipeline);
-        gst_element_set_state(pipeline, GST_STATE_PLAYING);
-        GstMessage* msg = gst_bus_timed_pop_filtered(bus, 10 * GST_SECOND, GST_MESSAGE_ERROR);
-        gst_element_set_state(pipeline, GST_STATE_NULL);
-        ASSERT_NE(msg, nullptr) << launch;
-        GError* err = nullptr;
-        gst_message_parse_error(msg, &err, nullptr);
-        EXPECT_TRUE(g_error_matches(err, domain, code)) << err->message;
-        EXPECT_NE(std::string(err->message).find(says), std::string::npos) << err->message;
-        EXPECT_EQ(qimra_engine_alive(), 0) << launch;
-        g_error_free(err);
-        gst_message_unref(msg);
-        gst_object_unref(bus);
-        gst_object_unref(pipeline);
-    }
-    gst_object_unref(idle);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
-"""qimraenhance in whole gst-launch-1.0 pipelines: the qimra tool's bytes on the same real frames, and an MP4."""
+"""qimraenhance in whole gst-launch-1.0 pipelines: the qimra tool's bytes on the same real frames, an MP4, and
+refusals (a second element is refused when it starts: an instance holds no engine before)."""
 import os
+import re
 import subprocess
 import sys
 
@@ -40,3 +42,13 @@ def test_encodes_to_mp4(tmp_path):
                             "stream=codec_name,width,height,nb_read_frames", "-of", "csv=p=0", str(mp4)],
                            capture_output=True, text=True, check=True)
     assert probe.stdout.strip() == "h264,1280,720,4"
+
+
+@pytest.mark.parametrize("pipeline,says", [
+    ("video/x-raw,format=I420 ! capssetter caps=video/x-raw,interlace-mode=interleaved", "progressive frames only"),
+    ("video/x-raw,format=NV12,width=642,height=481", "even width and height; 642x481"),
+    ("qimraenhance", "one qimraenhance already runs in this process")])
+def test_refusals_say_why(pipeline, says):
+    r = subprocess.run(["gst-launch-1.0", *f"videotestsrc ! {pipeline} ! qimraenhance ! fakesink".split()],
+                       capture_output=True, text=True, timeout=60)
+    assert r.returncode != 0 and re.search(r"ERROR: from element \S*qimraenhance\d: .*" + says, r.stderr), r.stderr

@@ -153,7 +153,6 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
     const std::tuple<string, string, int, string> cases[] = {
         // arguments (the input in.* holding the bytes), the bytes, exit status, message
         {"enhance missing.y4m -o out.y4m", "", 1, "missing.y4m: cannot open: No such file or directory"},
-        {"enhance in.bmp -o out.y4m", "x", 1, "in.bmp: unknown extension '.bmp'"},
         {"enhance in.y4m -o out.gif", one, 1, "out.gif: unknown extension '.gif'"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W6x4 H64\n", 1, "in.y4m: malformed Y4M header: W tag 'W6x4' is not"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 F25:0\n", 1, "in.y4m: malformed Y4M header: frame rate"},
@@ -171,16 +170,12 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance in.png -o out.y4m", "not a picture", 1, "in.png: cannot read it"},
         {"enhance in.y4m -o out.png", one + "FRAME\n" + frame, 1, "out.png: an image holds one picture, but in.y4m"},
         {"enhance in.y4m -o out.y4m --gamma 9", one, 2, "--gamma '9' is not a number greater than 0 and at most 4"},
-        {"enhance in.y4m -o out.y4m --mode 3", one, 2, "--mode '3' is not a whole number from 0 to 2"},
         {"enhance in.y4m -o ./in.y4m", one, 2, "./in.y4m: the output would overwrite the input"},
         {"compare in.y4m -o out.png --frame 1", one, 1, "in.y4m: has 1 frame; --frame 1 is past its end"},
-        {"compare in.y4m -o cmp.jpg", one, 2, "cmp.jpg: compare writes a .png picture"},
-        {"frobnicate", "", 2, "unknown command 'frobnicate'"},
         // Into a folder: usage errors stop before any work.
         {"enhance a.y4m b.y4m -o in.png", "", 2, "in.png is a file; several inputs are written into a folder"},
         {"enhance a.y4m - -o out/", "", 2, "standard input has no name to write under in a folder"},
         {"enhance a.y4m b.y4m -o out/ --trace t.csv", "", 2, "--trace and --plot follow one input"},
-        {"enhance a.y4m -o y.y4m -j 2", "", 2, "-j is for several inputs into a folder"},
     };
     for (const auto& [args, bytes, code, message] : cases) {
         const size_t at = args.find("in.");
