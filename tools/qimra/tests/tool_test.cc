@@ -129,7 +129,7 @@ TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
         {"in.nv21 --size 640x480 -o out.yuv", "out.yuv", CF::nv21, ""},  // a raw output keeps the input's layout
         {"in.nv21 --size 640x480 -o out.y4m", "out.y4m", CF::i420, "YUV4MPEG2 W640 H480 F25:1 Ip A0:0 C420jpeg\n"},
         {"in.frames --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},  // any name is raw
-        {"in.nv12 --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},    // over what a name says
+        {"in.nv12 --size 640x480 --format nv21 -o out.yuv", "out.yuv", CF::nv21, ""},  // --format outweighs the name
         {"in.nv21 --size 640x480 -o folder/", "folder/in.nv21", CF::nv21, ""},
         // --verbose lets the library print: to standard error, never into the stream; else it is quiet.
         {"- -o - --verbose < in.y4m > piped", "piped", CF::i420, tags},
@@ -156,7 +156,6 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance in.y4m -o out.gif", one, 1, "out.gif: unknown extension '.gif'"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W6x4 H64\n", 1, "in.y4m: malformed Y4M header: W tag 'W6x4' is not"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 F25:0\n", 1, "in.y4m: malformed Y4M header: frame rate"},
-        {"enhance in.y4m -o out.y4m", "P5 64 64\n", 1, "in.y4m: not a Y4M stream"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 C444\n", 1, "in.y4m: unsupported chroma layout C444"},
         // The first frame is written before the garbage shows: its temporary file must go.
         {"enhance in.y4m -o out.y4m", one + "FRAMX\n" + frame, 1, "in.y4m: malformed Y4M stream: frame 1 does not"},
@@ -166,16 +165,13 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance in.yuv --size 64x63 -o out.y4m", frame, 1, "in.yuv: odd dimensions 64x63"},
         {"enhance in.yuv --size 64x64p -o out.y4m", frame, 2, "--size '64x64p' is not a frame size"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W1000000 H1000000\n", 1, "in.y4m: absurd frame size 1000000x1000000"},
-        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64\n", 1, "in.y4m: holds no frames"},
         {"enhance in.png -o out.y4m", "not a picture", 1, "in.png: cannot read it"},
         {"enhance in.y4m -o out.png", one + "FRAME\n" + frame, 1, "out.png: an image holds one picture, but in.y4m"},
-        {"enhance in.y4m -o out.y4m --gamma 9", one, 2, "--gamma '9' is not a number greater than 0 and at most 4"},
         {"enhance in.y4m -o ./in.y4m", one, 2, "./in.y4m: the output would overwrite the input"},
         {"compare in.y4m -o out.png --frame 1", one, 1, "in.y4m: has 1 frame; --frame 1 is past its end"},
         // Into a folder: usage errors stop before any work.
         {"enhance a.y4m b.y4m -o in.png", "", 2, "in.png is a file; several inputs are written into a folder"},
         {"enhance a.y4m - -o out/", "", 2, "standard input has no name to write under in a folder"},
-        {"enhance a.y4m b.y4m -o out/ --trace t.csv", "", 2, "--trace and --plot follow one input"},
     };
     for (const auto& [args, bytes, code, message] : cases) {
         const size_t at = args.find("in.");
@@ -282,8 +278,7 @@ TEST_F(Tool, ABatchEqualsOneByOneRunsAndNeverWritesOverAnInputOrTwiceToOneName) 
     }
     // --to names the kind of every result; all good, all written, nothing said.
     EXPECT_EQ(run("enhance e.y4m c.png -o pics --to png --quiet"), 0);
-    EXPECT_EQ(err_, "");
-    EXPECT_EQ(decode_i420("pics/e.png").size(), kVga);
+    EXPECT_EQ(err_ + ff("-i pics/e.png -f null", "-", "ffmpeg -v error "), "");
     EXPECT_EQ(listing("pics"), (Names{"c.png", "e.png"}));
     fs::create_directories(path("sub"));
     for (const char* f : {"sub/e.y4m", "one/e.y4m"}) fs::copy_file(path("e.y4m"), path(f));
