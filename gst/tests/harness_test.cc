@@ -21,17 +21,9 @@ void init_gstreamer() {
     (void)ready;
 }
 
-// A real photograph cut to w x h from its 1080p frame, packed at the width. The same bytes serve every layout: an
-// interleaved one reads the planar chroma as its pairs.
-Bytes real_frame(int index, int w, int h) {
-    static const char* names[] = {"path", "evening", "pier", "darkest", "water", "autumn"};
-    const Bytes src = load_i420(names[index % 6], 1920, 1080);
-    Bytes out;
-    for (int y = 0; y < h; ++y) out.insert(out.end(), &src[y * 1920], &src[y * 1920] + w);
-    for (size_t plane : {size_t{1920 * 1080}, size_t{1920 * 1080 * 5 / 4}})
-        for (int y = 0; y < h / 2; ++y) out.insert(out.end(), &src[plane + y * 960], &src[plane + y * 960] + w / 2);
-    return out;
-}
+// A real photograph packed at the width. The same bytes serve every layout: an interleaved one reads the planar
+// chroma as its pairs.
+Bytes real_frame(int index, int w, int h) { return load_i420(index % 2 ? "path" : "darkest", w, h); }
 
 // Copies each plane between a frame packed at its width and a buffer, at the buffer's strides (through its video
 // meta if any).
@@ -49,8 +41,8 @@ void copy_planes(GstBuffer* buf, GstVideoInfo* info, Bytes& packed, bool into_bu
     gst_video_frame_unmap(&frame);
 }
 
-// A buffer laid out as GstVideoInfo does (rows padded to 4 bytes), or each plane in a memory of its own at a stride
-// 96 bytes wider, described by a video meta.
+// A buffer laid out as GstVideoInfo does, or each plane in a memory of its own at a stride 96 bytes wider, described
+// by a video meta.
 GstBuffer* make_buffer(Bytes packed, GstVideoInfo* info, bool strided) {
     GstBuffer* buf = gst_buffer_new();
     const guint n = GST_VIDEO_INFO_N_PLANES(info);
@@ -71,8 +63,8 @@ GstBuffer* make_buffer(Bytes packed, GstVideoInfo* info, bool strided) {
     return buf;
 }
 
-// The fields of a message or meta, and those a report calls for (the segment starts at 0: running time is the
-// timestamp).
+// The fields of a message or meta, and those a report calls for (running time is the timestamp: the segment starts
+// at 0).
 std::string fields(const GstStructure* s) {
     guint64 frame = 0, ts = 0, running = 0;
     gboolean decision = FALSE, enhanced = FALSE;
@@ -90,8 +82,8 @@ std::string fields(const FrameReport& r, guint64 pts) {
                                              r.mid, double(r.gamma), r.top_level, double(r.chroma_sigma)});
 }
 
-// Every format at a size the core takes as it is, at a padded one (through the working frame), and each plane in
-// its own memory at a wide stride; each caps change renegotiates. Then the mode, gamma, bypass and post-messages
+// Every format at a size the core takes as it is and with each plane in its own memory at a wide stride (through
+// the working frame); each caps change renegotiates. Then the mode, gamma, bypass and post-messages
 // change while playing: each frame is treated by an engine made for what was set before it arrived, anew whenever
 // the size, format, mode or gamma change, and left alone in bypass.
 TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
@@ -105,7 +97,7 @@ TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
     };
     std::vector<Step> steps;
     for (CF f : {CF::i420, CF::yv12, CF::nv12, CF::nv21})
-        for (auto [w, h, strided] : {std::tuple{1280, 720, false}, {1366, 768, false}, {640, 480, true}})
+        for (auto [w, h, strided] : {std::tuple{1280, 720, false}, {640, 480, true}})
             steps.push_back({w, h, f, Mode::adaptive, 0.5f, false, true, strided, 2});
     steps.insert(steps.end(), {{1280, 720, CF::nv12, Mode::fixed, 0.8f, false, false, false, 2},  // no messages
                                {1280, 720, CF::nv12, Mode::fixed, 0.8f, true, true, false, 2},    // bypass: untouched

@@ -1,5 +1,4 @@
-"""qimraenhance in whole gst-launch-1.0 pipelines: the qimra tool's bytes on the same real frames, an MP4, and
-refusals (a second element is refused when it starts: an instance holds no engine before)."""
+"""qimraenhance in gst-launch-1.0 pipelines: the qimra tool's bytes on the same real frames, an MP4, refusals."""
 import os
 import re
 import subprocess

@@ -1,4 +1,4 @@
-"""qimra.Engine over the C ABI: the tool's bytes and trace, bad arrays refused, lifetime and the GIL."""
+"""qimra.Engine over the C ABI: the tool's bytes and trace, bad arrays refused, and the GIL."""
 import subprocess
 import sys
 import threading
@@ -65,7 +65,6 @@ def process(frame, out=None):
     (lambda: process(GOOD.astype(np.float32)), "dtype float32"),
     (lambda: process(GOOD[:H]), "shape \\(48, 64\\)"),
     (lambda: process(np.zeros((H * 3 // 2, 2 * W), np.uint8)[:, ::2]), "strides \\(128, 2\\)"),
-    (lambda: process(GOOD[::-1]), "rows must lie at least 64 bytes apart"),
     (lambda: process(np.zeros((H * 3 // 2, W + 8), np.uint8)[:, :W]), "planar frame in one array must be packed"),
     (lambda: process([1, 2, 3]), "input y plane is of type int"),
     (lambda: process("frame"), "input frame is of type str"),
@@ -81,25 +80,9 @@ def test_bad_input_raises_error_with_message(call, match):
     assert isinstance(raised.value, ValueError)
 
 
-def test_engine_lifetime():
-    first = qimra.Engine(W, H)
-    for use, match in ((lambda: first.report, "no frame"), (lambda: qimra.Engine(W, H), "engine")):
-        with pytest.raises(qimra.Error, match=match):
-            use()
-    first.close()
-    first.close()
-    for use in (lambda: first.process(GOOD), lambda: first.report, lambda: first.width):
-        with pytest.raises(qimra.Error, match="closed"):
-            use()
-    with qimra.Engine(96, 32, mode="fixed", format="nv21") as second:  # a new one after the first is closed
-        assert second.process(np.full(96 * 48, 30, np.uint8)).shape == (96 * 48,)
-    assert second.closed
-
-
 def test_other_threads_run_while_a_frame_is_processed():
-    # With a long switch interval the main thread never hands over the GIL on its own: the other thread can only
-    # run inside process() if the frame is processed without it. One tick inside any of the frames is proof (on a
-    # loaded two-core machine the engine's own two threads may keep the ticker off the cores for most of them).
+    # With a long switch interval the main thread keeps the GIL: the ticker runs inside process() only if the frame
+    # is processed without it. One tick in any frame is proof (the engine's threads may starve it on two cores).
     stamps, stop, windows, frame = [], threading.Event(), [], np.full(3840 * 2160 * 3 // 2, 20, np.uint8)
     thread, old = threading.Thread(target=lambda: [stamps.append(time.perf_counter()) for _ in iter(
         lambda: stop.wait(0.0001), True)]), sys.getswitchinterval()
