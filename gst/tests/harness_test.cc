@@ -41,8 +41,7 @@ void copy_planes(GstBuffer* buf, GstVideoInfo* info, Bytes& packed, bool into_bu
     gst_video_frame_unmap(&frame);
 }
 
-// A buffer laid out as GstVideoInfo does, or each plane in a memory of its own at a stride 96 bytes wider, described
-// by a video meta.
+// A buffer as GstVideoInfo lays it out, or each plane in a memory of its own, 96 bytes wider, told by a video meta.
 GstBuffer* make_buffer(Bytes packed, GstVideoInfo* info, bool strided) {
     GstBuffer* buf = gst_buffer_new();
     const guint n = GST_VIDEO_INFO_N_PLANES(info);
@@ -82,10 +81,8 @@ std::string fields(const FrameReport& r, guint64 pts) {
                                              r.mid, double(r.gamma), r.top_level, double(r.chroma_sigma)});
 }
 
-// Every format at a size the core takes as it is and with each plane in its own memory at a wide stride (through
-// the working frame); each caps change renegotiates. Then the mode, gamma, bypass and post-messages
-// change while playing: each frame is treated by an engine made for what was set before it arrived, anew whenever
-// the size, format, mode or gamma change, and left alone in bypass.
+// Every format, direct and strided (each caps change renegotiates), then property changes while playing: each
+// frame meets an engine made for what was set before it, anew when the size, format, mode or gamma change.
 TEST(QimraEnhanceHarness, EveryFormatLayoutAndPropertyChangeMatchesTheEngine) {
     struct Step {
         int w, h;

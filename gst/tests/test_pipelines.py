@@ -11,7 +11,7 @@ from clips import TOOL, frame  # noqa: E402
 
 
 def launch(src, w, h, fmt, then):
-    """filesrc ! rawvideoparse (frames packed at their width) ! qimraenhance ..."""
+    # rawvideoparse of frames packed at their width
     luma, planar = w * h, fmt in ("i420", "yv12")
     strides = f"<{w},{w // 2},{w // 2}>" if planar else f"<{w},{w}>"
     offsets = f"<0,{luma},{luma * 5 // 4}>" if planar else f"<0,{luma}>"
@@ -44,7 +44,6 @@ def test_encodes_to_mp4(tmp_path):
 
 
 @pytest.mark.parametrize("pipeline,says", [
-    ("video/x-raw,format=I420 ! capssetter caps=video/x-raw,interlace-mode=interleaved", "progressive frames only"),
     ("video/x-raw,format=NV12,width=642,height=481", "even width and height; 642x481"),
     ("qimraenhance", "one qimraenhance already runs in this process")])
 def test_refusals_say_why(pipeline, says):
