@@ -139,10 +139,16 @@ TEST_F(Tool, EveryInputAndOutputLayoutGivesTheEngineBytes) {
         for (const auto& [args, out, layout, header] : rows) {
             ASSERT_EQ(run("enhance --gamma 0.6 --mode " + std::to_string(mode) + " " + args, env), 0) << err_;
             EXPECT_EQ(args.find("--verbose") != string::npos, said("Allocated")) << args;
+            EXPECT_TRUE(!said("Allocated") || !*env || said("instruction set: c\n")) << err_;
             EXPECT_TRUE(read_file(path(out)) == (header.empty() ? as(want, layout) : y4m(header, as(want, layout))))
                 << args << " --mode " << mode;
         }
     }
+    // An unknown level is named with the accepted ones, and the run goes on at the best level.
+    ASSERT_EQ(run("enhance in.y4m -o out.y4m --verbose", "QIMRA_ISA=sse9 "), 0) << err_;
+    EXPECT_TRUE(said("\"sse9\" is not an instruction set (accepted: c, ")) << err_;
+    ASSERT_EQ(run("compare in.y4m -o c.png"), 0) << err_;
+    EXPECT_EQ(read_file(path("c.png")).substr(0, 4), "\x89PNG");
 }
 
 TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
