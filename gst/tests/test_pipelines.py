@@ -50,3 +50,13 @@ def test_refusals_say_why(pipeline, says):
     r = subprocess.run(["gst-launch-1.0", *f"videotestsrc ! {pipeline} ! qimraenhance ! fakesink".split()],
                        capture_output=True, text=True, timeout=60)
     assert r.returncode != 0 and re.search(r"ERROR: from element \S*qimraenhance\d: .*" + says, r.stderr), r.stderr
+
+
+def test_the_decisions_example_prints_a_line_a_frame():
+    example = os.path.join(os.path.dirname(__file__), "..", "examples", "print_decisions.py")
+    r = subprocess.run([sys.executable, example, "videotestsrc num-buffers=8 ! video/x-raw,width=320,height=240 ! "
+                        "qimraenhance post-messages=true ! fakesink"], capture_output=True, text=True, timeout=60)
+    lines = [line for line in r.stdout.splitlines() if not line.startswith(("Allocated", "Total Memory"))]
+    assert r.returncode == 0 and len(lines) == 8, r.stderr + r.stdout
+    assert all(re.fullmatch(rf"frame {n} at 0\.\d{{3}} s: (enhanced|left alone), mid \d+, gamma [\d.]+, top level \d+",
+                            line) for n, line in enumerate(lines)), lines

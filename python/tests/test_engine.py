@@ -1,4 +1,5 @@
 """qimra.Engine over the C ABI: the tool's bytes and trace, bad arrays refused, and the GIL."""
+import os
 import subprocess
 import sys
 import threading
@@ -95,3 +96,19 @@ def test_other_threads_run_while_a_frame_is_processed():
         thread.join()
         sys.setswitchinterval(old)
     assert any(t0 < s < t1 for s in stamps for t0, t1 in windows), f"{len(stamps)} ticks, none inside a frame"
+
+
+def test_the_example_enhances_a_clip_that_darkens(tmp_path):
+    import cv2
+    bgr = cv2.cvtColor(photo("evening", 640, 480).reshape(720, 640), cv2.COLOR_YUV2BGR_I420)
+    clip, out = tmp_path / "in.mp4", tmp_path / "out.mp4"
+    writer = cv2.VideoWriter(str(clip), cv2.VideoWriter_fourcc(*"mp4v"), 25, (640, 480))
+    for n in range(40):  # bright, then backlit
+        writer.write(cv2.LUT(bgr, np.round(255 * (np.arange(256) / 255) ** (1 + n / 20)).astype(np.uint8)))
+    writer.release()
+    example = os.path.join(os.path.dirname(__file__), "..", "examples", "enhance_video.py")
+    run = subprocess.run([sys.executable, example, str(clip), str(out)], capture_output=True, text=True)
+    assert run.returncode == 0, run.stderr[-2000:]
+    frames, _, enhanced, _ = run.stdout.strip().splitlines()[-1].split(": ")[1].split()
+    assert int(frames) == 40 and 0 < int(enhanced) < 40, run.stdout
+    assert cv2.VideoCapture(str(out)).get(cv2.CAP_PROP_FRAME_COUNT) == 40
