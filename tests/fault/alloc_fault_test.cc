@@ -22,12 +22,7 @@
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define QIMRA_WATCH 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define QIMRA_WATCH 0
-#endif
-#endif
-#ifndef QIMRA_WATCH
+#else
 #define QIMRA_WATCH 1
 #endif
 
