@@ -1,10 +1,7 @@
-// The soak run (`make soak`; minutes long, not part of the suite).
-// 10,000 frames at 1280x720 through each of modes 0, 1 and 2 of a clip that
-// pans over six photographs in turn, fading from each into the next: the
-// heap in use does not move after the first frames, resident memory stays
-// flat, and a second engine gives every frame bit for bit. Then 1,000
-// init/teardown cycles leak exactly the second analysis buffer each.
-// QIMRA_SOAK_FRAMES and QIMRA_SOAK_CYCLES override the counts.
+// The soak run (`make soak`; minutes long, not part of the suite): QIMRA_SOAK_FRAMES (10,000) frames at
+// 1280x720 through each of modes 0, 1 and 2 of a clip panning over six photographs, fading from each into the
+// next, twice: every frame bit for bit again, the heap and resident memory flat after the first frames. Then
+// QIMRA_SOAK_CYCLES (1,000) init/teardown cycles leak exactly the second analysis buffer each.
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -20,10 +17,7 @@
 namespace qimra::test {
 namespace {
 
-int env_count(const char* name, int fallback) {
-    const char* v = getenv(name);
-    return v != nullptr && atoi(v) > 0 ? atoi(v) : fallback;
-}
+int env_count(const char* name, int fallback) { return getenv(name) ? std::max(atoi(getenv(name)), 1) : fallback; }
 
 long resident_kib() {
     long pages = 0, resident = 0;
@@ -34,46 +28,7 @@ long resident_kib() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-size_t heap_in_use() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
-
-// Frame n: the window pans back and forth over 640 columns and 360 rows of a
-// 1920x1080 scene; the last 32 of each scene's 240 frames fade into the next.
-std::vector<uint8_t> clip_frame(const std::vector<std::vector<uint8_t>>& scenes, int n) {
-    const int scene = n / 240 % 6, wt = std::max(0, n % 240 - 208) / 2;
-    const int px = n * 4 % 1280, py = n * 2 % 720;
-    const int x0 = (px < 640 ? px : 1280 - px) & ~1, y0 = (py < 360 ? py : 720 - py) & ~1;
-    return blend_window(scenes[scene], scenes[(scene + 1) % 6], 1920, 1080, x0, y0, 1280, 720, wt);
-}
-
-struct Pass {
-    std::vector<uint64_t> sums;
-    int switches = 0;
-    long rss_growth_kib = 0;
-    long heap_growth = 0;
-};
-
-Pass run_pass(const std::vector<std::vector<uint8_t>>& scenes, int mode, int frames) {
-    CEngine e(1280, 720, mode, 0);
-    Pass p;
-    p.sums.reserve(static_cast<size_t>(frames));  // the heap is watched from frame 100 on
-    std::vector<uint8_t> out(frame_bytes(1280, 720));
-    long rss0 = 0, heap0 = 0, rss_peak = 0;
-    bool last = false;
-    for (int n = 0; n < frames; ++n) {
-        if (n == 100) rss0 = resident_kib(), heap0 = static_cast<long>(heap_in_use());
-        if (n >= 100 && n % 100 == 0) rss_peak = std::max(rss_peak, resident_kib());
-        std::vector<uint8_t> in = clip_frame(scenes, n);
-        e.process(in.data(), out.data());
-        qimra_frame_report r{};
-        qimra_get_frame_report(e.get(), &r);
-        p.switches += n > 0 && (r.decision != 0) != last;
-        last = r.decision != 0;
-        p.sums.push_back(fnv1a(out.data(), out.size()));
-    }
-    p.heap_growth = static_cast<long>(heap_in_use()) - heap0;
-    p.rss_growth_kib = std::max(rss_peak, resident_kib()) - rss0;
-    return p;
-}
+long heap_in_use() { return static_cast<long>(mallinfo2().uordblks + mallinfo2().hblkhd); }
 
 TEST(Soak, FramesAreReproducibleAndMemoryStaysFlat) {
     std::vector<std::vector<uint8_t>> scenes;
@@ -81,40 +36,56 @@ TEST(Soak, FramesAreReproducibleAndMemoryStaysFlat) {
         scenes.push_back(load_i420(name, 1920, 1080));
     const int frames = std::max(env_count("QIMRA_SOAK_FRAMES", 10000), 101);
     for (const int mode : {0, 1, 2}) {
-        const Pass first = run_pass(scenes, mode, frames), second = run_pass(scenes, mode, frames);
-        const auto diff = std::mismatch(first.sums.begin(), first.sums.end(), second.sums.begin());
-        EXPECT_TRUE(diff.first == first.sums.end())
-            << "mode " << mode << ": first differing frame " << diff.first - first.sums.begin();
-        // Nothing is allocated per frame. Resident memory may still grow once
-        // by engine buffers the first enhanced frames touch (in mode 2 well
-        // after frame 100), never by more than a couple of frames' worth.
-        EXPECT_EQ(first.heap_growth, 0);
-        EXPECT_EQ(second.heap_growth, 0);
-        EXPECT_LE(first.rss_growth_kib, 2 * 1350);
-        EXPECT_TRUE(mode == 0 || first.switches > 1) << "the scenes must move the decision both ways";
-        printf("[soak] mode %d: %d frames x 2, %d decision switches, RSS growth after frame 100 %ld KiB\n", mode,
-               frames, first.switches, first.rss_growth_kib);
+        std::vector<uint64_t> sums[2];
+        for (auto& pass : sums) {
+            CEngine e(1280, 720, mode, 0);
+            pass.reserve(frames);
+            std::vector<uint8_t> out(frame_bytes(1280, 720));
+            long rss0 = 0, heap0 = 0, rss_peak = 0, switches = 0;
+            for (int n = 0, last = 0; n < frames; ++n) {
+                if (n == 100) rss0 = resident_kib(), heap0 = heap_in_use();
+                if (n >= 100 && n % 100 == 0) rss_peak = std::max(rss_peak, resident_kib());
+                // The window pans back and forth over 640 x 360; the last 32 of a scene's 240 frames fade.
+                const int scene = n / 240 % 6, px = n * 4 % 1280, py = n * 2 % 720;
+                std::vector<uint8_t> in =
+                    blend_window(scenes[scene], scenes[(scene + 1) % 6], 1920, 1080, (px < 640 ? px : 1280 - px) & ~1,
+                                 (py < 360 ? py : 720 - py) & ~1, 1280, 720, std::max(0, n % 240 - 208) / 2);
+                e.process(in.data(), out.data());
+                qimra_frame_report r{};
+                qimra_get_frame_report(e.get(), &r);
+                switches += n > 0 && r.decision != last;
+                last = r.decision;
+                pass.push_back(fnv1a(out.data(), out.size()));
+            }
+            // Resident memory may grow once by engine buffers the first enhanced frames touch (in mode 2 well
+            // after frame 100), never by more than a couple of frames' worth.
+            EXPECT_EQ(heap_in_use() - heap0, 0) << "mode " << mode;
+            EXPECT_LE(std::max(rss_peak, resident_kib()) - rss0, 2 * 1350) << "mode " << mode;
+            EXPECT_TRUE(mode == 0 || switches > 1) << "the scenes must move the decision both ways";
+            printf("[soak] mode %d: %d frames, %ld decision switches\n", mode, frames, switches);
+        }
+        const auto diff = std::mismatch(sums[0].begin(), sums[0].end(), sums[1].begin());
+        EXPECT_TRUE(diff.first == sums[0].end()) << "mode " << mode << ": frame " << diff.first - sums[0].begin();
     }
 }
 
 TEST(Soak, InitTeardownLeaksOnlyTheSecondAnalysisBuffer) {
     const int cycles = env_count("QIMRA_SOAK_CYCLES", 1000);
     for (const auto& [w, h] : {std::pair{1280, 720}, std::pair{640, 480}}) {
-        const size_t kept = w >= 1280 && h >= 720 ? static_cast<size_t>(w) * h / 16 : static_cast<size_t>(w) * h;
+        const long kept = w >= 1280 && h >= 720 ? w * h / 16 : w * h;
         quietly([&] { qimra_deinit(qimra_init(w, h, 0.5f, 0, 0, 0, 0, 0, 2, 0)); });  // the stack cache settles
         const int threads = thread_count();
-        const size_t heap0 = heap_in_use();
+        const long heap0 = heap_in_use();
         quietly([&] {
             for (int i = 0; i < cycles; ++i)
                 ASSERT_EQ(qimra_deinit(qimra_init(w, h, 0.5f, 0, 0, 0, 0, 0, i % 3, i % 4)), 0);
         });
-        const size_t leaked = heap_in_use() - heap0;
+        const long leaked = heap_in_use() - heap0;
         EXPECT_EQ(thread_count(), threads);
-        // Each kept block costs its bytes plus the allocator's header and
-        // rounding: under 32 bytes on the heap, up to a page when mapped.
+        // Each kept block costs the allocator's header and rounding: under 32 bytes, up to a page when mapped.
         EXPECT_GE(leaked, cycles * kept);
         EXPECT_LE(leaked, cycles * (kept + (kept >= 128 * 1024 ? 4096 + 32 : 32)));
-        printf("[soak] %dx%d: %d cycles leaked %zu bytes (kept buffer %zu)\n", w, h, cycles, leaked, kept);
+        printf("[soak] %dx%d: %d cycles leaked %ld bytes (kept buffer %ld)\n", w, h, cycles, leaked, kept);
     }
 }
 

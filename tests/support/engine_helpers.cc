@@ -1,7 +1,6 @@
 #include "support/engine_helpers.h"
 
-#include <dirent.h>
-
+#include <filesystem>
 #include <sstream>
 
 namespace qimra::test {
@@ -41,13 +40,7 @@ std::vector<std::string> lines_of(const std::string& text) {
 }
 
 int thread_count() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/task")) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') ++n;
-        closedir(d);
-    }
-    return n;
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
 
 uint64_t fnv1a(const uint8_t* p, size_t n) {

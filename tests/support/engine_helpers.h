@@ -12,8 +12,7 @@
 
 namespace qimra::test {
 
-// A YUV 4:2:0 frame packed at its width: luma then chroma (planar U, V or
-// interleaved pairs), as the engine expects by default.
+// A YUV 4:2:0 frame packed at its width: luma then chroma (planar U, V or interleaved pairs).
 struct Frame420 {
     int32_t width = 0;
     int32_t height = 0;
@@ -31,7 +30,7 @@ void fill_random(uint8_t* p, size_t n, uint32_t seed);
 // Resets the process-wide side-input and CDS state between tests.
 void reset_globals();
 
-// Runs fn with standard output (or error) captured and returns what it wrote.
+// Runs fn with standard output (or error) captured; returns what it wrote.
 template <typename Fn>
 std::string capture_stdout(Fn&& fn) {
     fflush(stdout);
@@ -50,8 +49,7 @@ std::string capture_stderr(Fn&& fn) {
     return testing::internal::GetCapturedStderr();
 }
 
-// Runs fn with the library's messages on standard output and error dropped;
-// an exception passes through once the capture is closed.
+// Runs fn with the library's messages dropped; an exception passes through once the capture is closed.
 template <typename Fn>
 void quietly(Fn&& fn) {
     std::exception_ptr error;
@@ -67,8 +65,7 @@ void quietly(Fn&& fn) {
     if (error) std::rethrow_exception(error);
 }
 
-// An engine through the C ABI for one test, the process-wide state reset
-// before it is made and its messages dropped.
+// An engine through the C ABI for one test, made after a reset of the process-wide state, quietly.
 class CEngine {
 public:
     CEngine(int32_t w, int32_t h, int32_t mode, int32_t format, float gamma = 0.5f);
@@ -86,7 +83,6 @@ private:
 
 std::vector<std::string> lines_of(const std::string& text);
 
-// Threads of this process as the kernel counts them.
 int thread_count();
 
 // FNV-1a over a byte range: golden checksums of whole frames.

@@ -20,14 +20,9 @@ std::vector<uint8_t> load_i420(const std::string& name, int w, int h) {
 }
 
 std::vector<uint8_t> i420_to_nv12(const std::vector<uint8_t>& i420, int w, int h) {
-    std::vector<uint8_t> nv12(i420.size());
-    const size_t luma = static_cast<size_t>(w) * h;
-    const size_t quarter = luma / 4;
-    std::copy(i420.begin(), i420.begin() + static_cast<std::ptrdiff_t>(luma), nv12.begin());
-    for (size_t i = 0; i < quarter; ++i) {
-        nv12[luma + 2 * i] = i420[luma + i];
-        nv12[luma + 2 * i + 1] = i420[luma + quarter + i];
-    }
+    std::vector<uint8_t> nv12 = i420;
+    const size_t luma = static_cast<size_t>(w) * h, quarter = luma / 4;
+    for (size_t i = 0; i < 2 * quarter; ++i) nv12[luma + i] = i420[luma + i / 2 + (i % 2) * quarter];
     return nv12;
 }
 
