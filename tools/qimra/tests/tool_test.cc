@@ -158,6 +158,9 @@ TEST_F(Tool, BadInputIsRefusedWithItsReasonAndLeavesNoOutput) {
         {"enhance in.y4m -o out.gif", one, 1, "out.gif: unknown extension '.gif'"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W6x4 H64\n", 1, "in.y4m: malformed Y4M header: W tag 'W6x4' is not"},
         {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 F25:0\n", 1, "in.y4m: malformed Y4M header: frame rate"},
+        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64 C444\n", 1, "in.y4m: unsupported chroma layout C444"},
+        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W1000000 H1000000\nFRAME\n", 1, "in.y4m: absurd frame size"},
+        {"enhance in.y4m -o out.y4m", "YUV4MPEG2 W64 H64\n", 1, "in.y4m: holds no frames"},
         // Garbage after a written frame: its temporary file must go.
         {"enhance in.y4m -o out.y4m", one + "FRAMX\n" + frame, 1, "in.y4m: malformed Y4M stream: frame 1 does not"},
         {"enhance in.yuv --size 64x64 -o out.y4m", frame + "xyz", 1,
