@@ -4,13 +4,15 @@
 // caught; arguments the API refuses must end in qimra::Error.
 //
 // Making an engine costs far more than a small frame (its tables, its
-// buffers, its worker thread), and the library lets one live at a time. So
-// one engine is kept across inputs: an input whose engine (size, mode,
-// format, gamma) is the one alive goes on with it, as the next frames of
-// the same stream would; an input that asks for a fresh engine, or names
-// another one, tears the old one down and makes its own. The header that
-// names the engine is in every input, so a crash input replayed alone runs
-// on an engine of the same kind (fresh, without the frames before it).
+// buffers, its worker thread), the library lets one live at a time, and each
+// engine leaves its second analysis buffer allocated when it goes (the
+// library's design). So one engine is kept across inputs, as the next frames
+// of one stream would run: an input goes on with the engine alive, whatever
+// kind it names, unless it asks for a fresh one (one input in sixteen) or
+// none is alive (the first input, or after a refusal). Every input still
+// names an engine (size, mode, format, gamma), so a crash input replayed
+// alone runs on an engine of its own kind (fresh, without the frames before
+// it).
 #include <qimra/qimra.hpp>
 
 #include <algorithm>
@@ -92,11 +94,11 @@ Key read_key(Bytes& b) {
 std::optional<qimra::Engine> g_engine;
 Key g_key{};
 
-qimra::Engine& engine_for(const Key& k, bool fresh) {
-    if (g_engine && g_key == k && !fresh) return *g_engine;
+qimra::Engine& engine_for(const Key& named, bool fresh) {
+    if (g_engine && !fresh) return *g_engine;
     g_engine.reset();  // the old one goes first: the library refuses a second
-    g_engine.emplace(k.w, k.h, k.gamma, k.mode, k.format);
-    g_key = k;
+    g_engine.emplace(named.w, named.h, named.gamma, named.mode, named.format);  // empty if refused
+    g_key = named;
     return *g_engine;
 }
 
@@ -104,13 +106,14 @@ qimra::Engine& engine_for(const Key& k, bool fresh) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Bytes b(data, size);
-    const bool fresh = b.u8() % 8 == 0;
-    const Key k = read_key(b);
+    const bool fresh = b.u8() % 16 == 0;
+    const Key named = read_key(b);
     // One frame mostly: the kept engine makes the inputs one stream.
     const uint8_t fb = b.u8();
-    const int frames = fb % 8 == 0 ? 2 + fb / 8 % 3 : 1;
+    const int frames = fb % 16 == 0 ? 2 + fb / 16 % 3 : 1;
     try {
-        qimra::Engine& e = engine_for(k, fresh);
+        qimra::Engine& e = engine_for(named, fresh);
+        const Key& k = g_key;  // the frames are the engine's kind
         for (int n = 0; n < frames; ++n) {
             Planes in = make_frame(b, k.w, k.h, k.format);
             if (b.u8() % 4 == 0) {
