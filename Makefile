@@ -97,10 +97,12 @@ soak: build media
 # make fuzz: every libFuzzer target for FUZZ_SECONDS (default 60) each, with
 # the address and undefined-behaviour sanitizers (clang; see fuzz/).
 # FUZZ_TARGETS="cpp_api gst_element" picks targets; FUZZ_RUNS=N stops each
-# after N inputs. Long campaigns: run under nice, one target at a time.
+# after N inputs; FUZZ_PIECE=N inputs per fuzzer process (the corpus carries
+# over), FUZZ_WORKERS=2 two processes a piece. Long campaigns: under nice.
 FUZZ_SECONDS ?= 60
 fuzz: setup media
-	@FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_TARGETS="$(FUZZ_TARGETS)" FUZZ_RUNS=$(FUZZ_RUNS) JOBS=$(JOBS) scripts/fuzz
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) FUZZ_TARGETS="$(FUZZ_TARGETS)" FUZZ_RUNS=$(FUZZ_RUNS) FUZZ_PIECE=$(FUZZ_PIECE) \
+	  FUZZ_WORKERS=$(FUZZ_WORKERS) JOBS=$(JOBS) scripts/fuzz
 
 # make mutate: plants each single-line fault of scripts/mutations.txt into a
 # scratch copy (out/mutate/tree), rebuilds the host preset and runs the suite

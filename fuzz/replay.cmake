@@ -13,8 +13,9 @@ function(qimra_fuzz_replay target)
   target_include_directories(qimra_replay_${target} PRIVATE ${_fuzz})
   add_test(NAME Fuzz.Replay.${target}
     COMMAND qimra_replay_${target} ${_fuzz}/seeds/${target} ${_fuzz}/regressions/${target})
+  # GLib's blocks as allocations of their own, where the sanitizers see them.
   set_tests_properties(Fuzz.Replay.${target} PROPERTIES TIMEOUT 300
-    ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0")
+    ENVIRONMENT "LSAN_OPTIONS=suppressions=${PROJECT_SOURCE_DIR}/tests/lsan.supp:print_suppressions=0;G_SLICE=always-malloc")
 endfunction()
 
 qimra_fuzz_replay(cpp_api)
