@@ -65,7 +65,6 @@ struct Key {
     qimra::Mode mode;
     qimra::ColourFormat format;
     float gamma;
-    bool operator==(const Key&) const = default;
 };
 
 // Sizes most inputs choose from (few, so that engines are reused): below
@@ -92,13 +91,11 @@ Key read_key(Bytes& b) {
 
 // The engine kept between inputs (at most one lives, as the library allows).
 std::optional<qimra::Engine> g_engine;
-Key g_key{};
 
 qimra::Engine& engine_for(const Key& named, bool fresh) {
     if (g_engine && !fresh) return *g_engine;
     g_engine.reset();  // the old one goes first: the library refuses a second
     g_engine.emplace(named.w, named.h, named.gamma, named.mode, named.format);  // empty if refused
-    g_key = named;
     return *g_engine;
 }
 
@@ -113,13 +110,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int frames = fb % 16 == 0 ? 2 + fb / 16 % 3 : 1;
     try {
         qimra::Engine& e = engine_for(named, fresh);
-        const Key& k = g_key;  // the frames are the engine's kind
         for (int n = 0; n < frames; ++n) {
-            Planes in = make_frame(b, k.w, k.h, k.format);
+            Planes in = make_frame(b, e.width(), e.height(), e.format());
             if (b.u8() % 4 == 0) {
                 e.process(in.view);  // in place
             } else {
-                Planes out = make_frame(b, k.w, k.h, k.format);
+                Planes out = make_frame(b, e.width(), e.height(), e.format());
                 e.process(qimra::ConstFrameView(in.view), out.view);
             }
             (void)e.report();
